@@ -9,8 +9,8 @@ library_error::~library_error() = default;
 
 namespace detail {
 
-std::string composeErrorText(const std::string& libraryName, const std::string& message,
-                             const std::string& codeText, int code)
+std::string composeErrorText(
+    const std::string& libraryName, const std::string& message, const std::string& codeText, int code)
 {
     std::array<char, sizeof "-2147483648 (0x00000000)"> codes{};
     (void)std::snprintf(codes.data(), codes.size(), "%d (0x%08x)", code, static_cast<unsigned int>(code));

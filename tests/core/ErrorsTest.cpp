@@ -25,18 +25,18 @@ TEST(LibraryError, EveryLibraryComposesItsTextAlike)
     };
     const Case cases[] = {
         {"call, argument and errno", PosixError("open(\"/tmp/x\") failed", ENOENT).what(),
-         "open(\"/tmp/x\") failed: No such file or directory | ERROR(Posix) : 2 (0x00000002)"},
+            "open(\"/tmp/x\") failed: No such file or directory | ERROR(Posix) : 2 (0x00000002)"},
         {"no message, no error", PosixError("", 0).what(), "Unknown error | ERROR(Posix) : 0 (0x00000000)"},
         {"an unknown errno has a text of the system's own", PosixError("x", 123456).what(),
-         "x: Unknown error 123456 | ERROR(Posix) : 123456 (0x0001e240)"},
+            "x: Unknown error 123456 | ERROR(Posix) : 123456 (0x0001e240)"},
         {"a negative code shows as two's complement",
-         GnuTlsError("gnutls_x509_crt_init", GNUTLS_E_INVALID_REQUEST).what(),
-         "gnutls_x509_crt_init: The request is invalid. | ERROR(GnuTls) : -50 (0xffffffce)"},
+            GnuTlsError("gnutls_x509_crt_init", GNUTLS_E_INVALID_REQUEST).what(),
+            "gnutls_x509_crt_init: The request is invalid. | ERROR(GnuTls) : -50 (0xffffffce)"},
         {"libcurl", CURLError("Curl error", CURLE_COULDNT_CONNECT).what(),
-         "Curl error: Couldn't connect to server | ERROR(CURL) : 7 (0x00000007)"},
+            "Curl error: Couldn't connect to server | ERROR(CURL) : 7 (0x00000007)"},
         {"a code without a text",
-         generic_library_error<int>("Zlib", "inflate", -3, [](int) { return std::string(); }).what(),
-         "inflate: Unknown error | ERROR(Zlib) : -3 (0xfffffffd)"},
+            generic_library_error<int>("Zlib", "inflate", -3, [](int) { return std::string(); }).what(),
+            "inflate: Unknown error | ERROR(Zlib) : -3 (0xfffffffd)"},
     };
     for (const auto& [why, text, expected] : cases)
         EXPECT_EQ(text, expected) << why;

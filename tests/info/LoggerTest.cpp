@@ -117,7 +117,7 @@ TEST(LoggerThreads, CopiesShareOneLockAndStampsNeverDecrease)
 
     ASSERT_EQ(log.entries().size(), static_cast<std::size_t>(kThreads * kLines));
     EXPECT_TRUE(std::is_sorted(log.entries().begin(), log.entries().end(),
-                               [](const auto& a, const auto& b) { return a.when < b.when; }));
+        [](const auto& a, const auto& b) { return a.when < b.when; }));
 }
 
 } // namespace

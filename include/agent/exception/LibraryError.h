@@ -26,8 +26,8 @@ public:
 namespace detail {
 
 /// Joins the pieces of the message; the hexadecimal form is the code's 32-bit two's complement.
-AGENTKIT_API std::string composeErrorText(const std::string& libraryName, const std::string& message,
-                                          const std::string& codeText, int code);
+AGENTKIT_API std::string composeErrorText(
+    const std::string& libraryName, const std::string& message, const std::string& codeText, int code);
 
 } // namespace detail
 
@@ -42,7 +42,7 @@ public:
     /// @param toText       the library's code-to-text function
     /// @throws std::bad_function_call  if `toText` is empty
     generic_library_error(const std::string& libraryName, const std::string& message, T code,
-                          std::function<std::string(T)> toText)
+        std::function<std::string(T)> toText)
         : library_error(format(libraryName, message, code, toText))
         , m_code(code)
         , m_toText(std::move(toText))
@@ -61,7 +61,7 @@ public:
     /// shows as "Unknown error".
     /// @throws std::bad_function_call  if `toText` is empty
     static std::string format(const std::string& libraryName, const std::string& message, T code,
-                              std::function<std::string(T)> toText)
+        std::function<std::string(T)> toText)
     {
         return detail::composeErrorText(libraryName, message, toText(code), static_cast<int>(code));
     }

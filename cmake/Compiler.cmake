@@ -19,6 +19,10 @@ elseif(AGENTKIT_SANITIZE)
     message(FATAL_ERROR "AGENTKIT_SANITIZE is \"${AGENTKIT_SANITIZE}\"; it can be address, thread or empty")
 endif()
 
+if(AGENTKIT_BUILD_FUZZ)
+    add_compile_options(-fsanitize=fuzzer-no-link) # the library is what the fuzzer has to see
+endif()
+
 # Language level, warnings and threads, the same for the library and for everything around it.
 function(agentkit_target target)
     set_target_properties(${target} PROPERTIES

@@ -1,0 +1,25 @@
+#!/usr/bin/env bash
+# Compiles every public header by itself, with one compiler, so that none leans on what another includes.
+# usage: headers_test.sh COMPILER INCLUDE-DIRECTORY
+set -euo pipefail
+compiler=$1
+include_dir=$2
+export compiler include_dir
+
+check() {
+    local language=c++ standard=c++20
+    # What components written in C use must be C.
+    case $1 in agent/crc32c.h | agent/Export.h) language=c standard=c11 ;; esac
+    echo "#include \"$1\"" |
+        "$compiler" -x "$language" -std="$standard" -I "$include_dir" -fsyntax-only \
+            -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror - || {
+        echo "$1 does not compile alone with $compiler" >&2
+        return 1
+    }
+}
+export -f check
+
+headers=$(cd "$include_dir" && find agent -name '*.h' | sort)
+[ -n "$headers" ]
+xargs -P 2 -I {} bash -c 'check {}' <<<"$headers"
+echo "$(wc -l <<<"$headers") headers compile alone with $compiler"

@@ -1,0 +1,273 @@
+#include "agent/file/Operations.h"
+
+#include "core/Io.h"
+
+#include "agent/PosixError.h"
+#include "agent/dir/Operations.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+namespace agent::file {
+
+namespace {
+
+std::string quoted(const Path& path)
+{
+    return "\"" + path.u8string() + "\"";
+}
+
+// --- copying -------------------------------------------------------------------------------------------
+
+/// One copy: both files, the text of its failures, and the removal of what it leaves half-done.
+class Copy {
+public:
+    Copy(const Path& from, const Path& to)
+        : m_from(from)
+        , m_to(to)
+        , m_failed("file::copy(" + quoted(from) + " -> " + quoted(to) + ") failed")
+    {
+    }
+    Copy(const Copy&) = delete;
+    Copy& operator=(const Copy&) = delete;
+    ~Copy()
+    {
+        if (m_removeTarget)
+            (void)::unlink(m_to.u8string().c_str()); // best effort: the error that led here counts
+    }
+
+    void run(bool overwrite)
+    {
+        if (dir::isDirectory(m_to)) fail(EISDIR, " - expected dest file name, not directory");
+        openSource();
+        openTarget(overwrite);
+        transfer();
+        if (!io::close(std::move(m_target))) fail(errno);
+        m_removeTarget = false;
+    }
+
+private:
+    [[noreturn]] void fail(int error, const char* reason = "") const
+    {
+        throw PosixError(m_failed + reason, error);
+    }
+
+    void openSource()
+    {
+        m_source = io::open(m_from, O_RDONLY | O_NONBLOCK); // a FIFO is refused, not waited for
+        if (!m_source.isOpen() || ::fstat64(m_source.get(), &m_sourceStatus) != 0) fail(errno);
+        if (S_ISDIR(m_sourceStatus.st_mode)) fail(EISDIR);
+        if (!S_ISREG(m_sourceStatus.st_mode)) fail(EINVAL);
+    }
+
+    void openTarget(bool overwrite)
+    {
+        m_target = io::open(m_to, O_WRONLY | O_CREAT | O_EXCL, m_sourceStatus.st_mode & 0777);
+        m_removeTarget = m_target.isOpen();
+        if (m_target.isOpen()) return;
+        if (errno != EEXIST) fail(errno);
+        if (!overwrite) fail(EEXIST, " - dest file exists");
+        m_target = io::open(m_to, O_WRONLY | O_CREAT, m_sourceStatus.st_mode & 0777);
+        if (!m_target.isOpen()) fail(errno);
+        refuseSourceAsTarget(); // emptying it would destroy what is to be copied
+        if (::ftruncate(m_target.get(), 0) != 0) fail(errno);
+    }
+
+    void refuseSourceAsTarget() const
+    {
+        struct stat64 status {};
+        if (::fstat64(m_target.get(), &status) != 0) fail(errno);
+        if (status.st_dev == m_sourceStatus.st_dev && status.st_ino == m_sourceStatus.st_ino) fail(EINVAL);
+    }
+
+    void transfer() const
+    {
+        constexpr std::size_t kBufferBytes = 256UL << 10;
+        std::vector<char> buffer(kBufferBytes);
+        while (true) {
+            const ssize_t count = io::read(m_source.get(), buffer.data(), buffer.size());
+            if (count < 0) fail(errno);
+            if (count == 0) return;
+            if (!io::writeAll(m_target.get(), buffer.data(), static_cast<std::size_t>(count))) fail(errno);
+        }
+    }
+
+    const Path& m_from;
+    const Path& m_to;
+    std::string m_failed;
+    UniqueFd m_source;
+    UniqueFd m_target;
+    struct stat64 m_sourceStatus {};
+    bool m_removeTarget = false;
+};
+
+// --- the rest ------------------------------------------------------------------------------------------
+
+void openWithMode660(const Path& p)
+{
+    const UniqueFd fd = io::open(p, O_RDWR | O_NONBLOCK);
+    if (!fd.isOpen()) {
+        const int error = errno;
+        throw PosixError("Couldn't open " + quoted(p) + " for removal", error);
+    }
+    constexpr mode_t kMode = 660; // decimal: see the header
+    if (::fchmod(fd.get(), kMode) != 0) {
+        const int error = errno;
+        throw PosixError(io::failed("fchmod", p), error);
+    }
+}
+
+[[noreturn]] void throwNotLinked(const Path& target, const Path& link, int error)
+{
+    throw PosixError("symlink(" + quoted(target) + " -> " + quoted(link) + ") failed", error);
+}
+
+bool isTaken(const Path& p)
+{
+    return exists(p) || dir::isDirectory(p);
+}
+
+} // namespace
+
+bool exists(const Path& p)
+{
+    struct stat64 status {};
+    return ::stat64(p.u8string().c_str(), &status) == 0 && !S_ISDIR(status.st_mode);
+}
+
+unsigned long size(const Path& p)
+{
+    return static_cast<unsigned long>(io::statOf(p).st_size);
+}
+
+void remove(const Path& p, bool makeWritable)
+{
+    if (makeWritable) openWithMode660(p);
+    if (std::remove(p.u8string().c_str()) != 0) {
+        const int error = errno;
+        throw PosixError(io::failed("std::remove", p), error);
+    }
+}
+
+void rename(const Path& from, const Path& to)
+{
+    if (std::rename(from.u8string().c_str(), to.u8string().c_str()) != 0) {
+        const int error = errno;
+        throw PosixError("std::rename(" + quoted(from) + ", " + quoted(to) + ") failed", error);
+    }
+}
+
+void symlink(const Path& target, const Path& link)
+{
+    if (::symlink(target.u8string().c_str(), link.u8string().c_str()) != 0) throwNotLinked(target, link, errno);
+}
+
+void hardlink(const Path& existing, const Path& link)
+{
+    if (::link(existing.u8string().c_str(), link.u8string().c_str()) != 0)
+        throwNotLinked(existing, link, errno);
+}
+
+Path symlinkTarget(const Path& p)
+{
+    struct stat64 status {};
+    const int error = ::lstat64(p.u8string().c_str(), &status) == 0 ? EINVAL : errno;
+    if (!S_ISLNK(status.st_mode)) throw PosixError("Path is not a symlink.", error);
+
+    std::array<char, 4096> buffer{}; // the longest target there is; st_size is 0 for links of /proc
+    const ssize_t length = ::readlink(p.u8string().c_str(), buffer.data(), buffer.size());
+    if (length < 0) {
+        const int readError = errno;
+        throw PosixError("readlink failed.", readError);
+    }
+    return {std::string(buffer.data(), static_cast<std::size_t>(length))};
+}
+
+void truncate(const Path& p, unsigned long size)
+{
+    UniqueFd fd = io::open(p, O_WRONLY | O_NONBLOCK);
+    if (!fd.isOpen() && errno == ENOENT) fd = io::open(p, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (!fd.isOpen()) {
+        const int error = errno;
+        throw PosixError(io::failed("creat", p), error);
+    }
+    // A size beyond the signed range becomes negative, which the system refuses.
+    const auto length = static_cast<off64_t>(size);
+    if (io::retry([&] { return ::ftruncate64(fd.get(), length); }) != 0) {
+        const int error = errno;
+        throw PosixError(io::failed("ftruncate", p), error);
+    }
+}
+
+std::chrono::system_clock::time_point getModifiedTime(const Path& p)
+{
+    const timespec time = io::statOf(p).st_mtim;
+    return std::chrono::system_clock::time_point(
+        std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec));
+}
+
+bool isHardlink(const Path& p)
+{
+    const auto status = io::statOf(p);
+    return !S_ISDIR(status.st_mode) && status.st_nlink > 1;
+}
+
+bool isReparsePoint(const Path& p)
+{
+    (void)io::statOf(p);
+    return false;
+}
+
+std::vector<Path> findHardlinks(const Path& p)
+{
+    (void)io::statOf(p);
+    return {};
+}
+
+Path getTempFile(const Path& dir, const std::string& prefix)
+{
+    std::string name = (dir / (prefix + "XXXXXX")).u8string();
+    const UniqueFd fd(::mkostemp(name.data(), O_CLOEXEC));
+    if (!fd.isOpen()) {
+        const int error = errno;
+        throw PosixError("Could not create a temporary file", error);
+    }
+    return {name};
+}
+
+Path getTempFile(const std::string& prefix)
+{
+    return getTempFile(dir::temp(), prefix);
+}
+
+Path renameDuplicatePath(const Path& p)
+{
+    if (!isTaken(p)) return p;
+
+    const std::string& whole = p.u8string();
+    const std::string name = p.fileName();
+    const std::string directory = whole.substr(0, whole.size() - name.size()); // with its '/'
+    const auto dot = name.rfind('.');
+    std::string stem = name.substr(0, dot);
+    const std::string extension = dot == std::string::npos ? "" : name.substr(dot);
+    stem.erase(stem.find_last_not_of(' ') + 1);
+
+    for (unsigned long counter = 1;; ++counter) {
+        const Path candidate(directory + stem + " (" + std::to_string(counter) + ")" + extension);
+        if (!isTaken(candidate)) return candidate;
+    }
+}
+
+void copy(const Path& from, const Path& to, bool overwrite)
+{
+    Copy(from, to).run(overwrite);
+}
+
+} // namespace agent::file

@@ -25,10 +25,7 @@ std::string duration(double nanoseconds)
     return format("%.1f ms", nanoseconds / 1e6);
 }
 
-void pad(std::string& line, std::size_t width)
-{
-    line.resize(std::max(line.size(), width), ' ');
-}
+void pad(std::string& line, std::size_t width) { line.resize(std::max(line.size(), width), ' '); }
 
 } // namespace
 

@@ -19,7 +19,8 @@ public:
     Path() = default;
 
     /// Not explicit: functions that take a path are called with plain strings, too.
-    Path(std::string path); // NOLINT(google-explicit-constructor)
+    Path(std::string path);
+    Path(const char* path);
 
     static Path convert(std::string path);
     static Path convert(const std::wstring& path);
@@ -49,10 +50,12 @@ private:
 /// The left path with the right one appended as a further part.
 AGENTKIT_API Path operator/(Path left, const Path& right);
 AGENTKIT_API Path operator/(Path left, const std::string& right);
+AGENTKIT_API Path operator/(Path left, const char* right);
 
 /// The left path with the right one added as it stands.
 AGENTKIT_API Path operator+(Path left, const Path& right);
 AGENTKIT_API Path operator+(Path left, const std::string& right);
+AGENTKIT_API Path operator+(Path left, const char* right);
 
 } // namespace agent
 

@@ -1,9 +1,11 @@
 #include "agent/BitRangeFinder.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstdint>
 #include <cstring>
 #include <stdexcept>
+#include <utility>
 
 namespace agent {
 
@@ -58,69 +60,129 @@ constexpr BitRangeFinder::Lookup BitRangeFinder::computeMap()
 
 constinit const BitRangeFinder::Lookup BitRangeFinder::s_lookup = computeMap();
 
-/// One pass over a bitmap, in pieces that follow each other. A run that crosses from one piece, word or byte
-/// into the next is carried on.
+namespace {
+
+std::uint64_t loadWord(const unsigned char* map, unsigned long index)
+{
+    std::uint64_t word = 0;
+    std::memcpy(&word, map + index * sizeof word, sizeof word);
+    return word;
+}
+
+std::uint64_t reverseBitsOfEachByte(std::uint64_t word)
+{
+    word = (word >> 1 & 0x5555555555555555) | (word & 0x5555555555555555) << 1;
+    word = (word >> 2 & 0x3333333333333333) | (word & 0x3333333333333333) << 2;
+    return (word >> 4 & 0x0F0F0F0F0F0F0F0F) | (word & 0x0F0F0F0F0F0F0F0F) << 4;
+}
+
+// The index of the first word from `i` on that is not `pattern`. Four words at a time, because most of a map is
+// passed over here.
+unsigned long skipWords(const unsigned char* map, unsigned long i, unsigned long words, std::uint64_t pattern)
+{
+    const auto differs = [&](unsigned long index) { return loadWord(map, index) ^ pattern; };
+    while (i + 4 <= words && (differs(i) | differs(i + 1) | differs(i + 2) | differs(i + 3)) == 0)
+        i += 4;
+    while (i < words && differs(i) == 0)
+        ++i;
+    return i;
+}
+
+unsigned int takeLowestBit(std::uint64_t& bits)
+{
+    const int position = std::countr_zero(bits);
+    bits &= bits - 1;
+    return static_cast<unsigned int>(position);
+}
+
+} // namespace
+
+/// One pass over a bitmap: its whole words first, then the rest, byte by byte.
 class BitRangeFinder::Search {
 public:
-    explicit Search(const BitRangeFinder& finder)
+    Search(const BitRangeFinder& finder, unsigned long words)
         : m_unmarkedByte(finder.m_findSetBits ? 0x00 : 0xFF)
         , m_unmarkedWord(finder.m_findSetBits ? 0 : ~std::uint64_t{0})
         , m_msbFirst(finder.m_msbFirst)
+        , m_words(words)
     {
     }
 
-    unsigned char unmarkedByte() const { return m_unmarkedByte; }
-
-    /// Scans `bytes` bytes whose first bit is block `firstBlock`. The seven bytes after them must be readable
-    /// as well: each step looks at eight.
-    void scan(const unsigned char* piece, unsigned long bytes, unsigned long firstBlock)
+    void scanWords(const unsigned char* map)
     {
-        unsigned long i = 0;
-        while (i < bytes) {
-            std::uint64_t word = 0;
-            std::memcpy(&word, piece + i, sizeof word);
-            if (word == m_unmarkedWord) {
-                m_isCarrying = false;
-                i += sizeof word;
-            } else if (word == ~m_unmarkedWord && i + sizeof word <= bytes) {
-                addRun(firstBlock + 8 * i, 64);
-                i += sizeof word;
-            } else {
-                addByte(piece[i], firstBlock + 8 * i);
-                ++i;
-            }
+        for (unsigned long i = 0; i < m_words; ++i) {
+            // A word goes unread if it only continues what was before it, marked or not.
+            i = skipWords(map, i, m_words, m_isMarked ? ~m_unmarkedWord : m_unmarkedWord);
+            if (i == m_words) break;
+            makeRoom(i);
+            addWord(loadWord(map, i), 64 * i);
         }
+        if (m_isMarked) m_ranges.emplace_back(m_start, 64 * m_words - m_start);
+    }
+
+    /// @param bytes  the bytes after the words
+    /// @param bits   number of valid bits in them, less than 64
+    void scanTail(const unsigned char* bytes, unsigned int bits)
+    {
+        std::array<unsigned char, 8> tail{};
+        std::memcpy(tail.data(), bytes, (bits + 7) / 8);
+        if (const unsigned int validBits = bits % 8; validBits != 0) {
+            const unsigned int valid = m_msbFirst ? 0xFF00U >> validBits : (1U << validBits) - 1;
+            const unsigned int last = tail[bits / 8];
+            tail[bits / 8] = static_cast<unsigned char>((last & valid) | (m_unmarkedByte & ~valid));
+        }
+        for (unsigned int i = 0; i < (bits + 7) / 8; ++i)
+            addByte(tail[i], 64 * m_words + 8UL * i);
     }
 
     std::vector<BlockRange> take() { return std::move(m_ranges); }
 
 private:
-    void addRun(unsigned long start, unsigned long count)
+    // Room for the runs that can end in one word. Growing copies everything, so a map that is dense from its
+    // beginning is expected to go on like that; but no more than fourfold, since it may not.
+    void makeRoom(unsigned long wordsDone)
     {
-        if (m_isCarrying) {
-            m_ranges.back().count() += count;
-        } else {
-            m_ranges.emplace_back(start, count);
-        }
-        m_isCarrying = true;
+        if (m_ranges.capacity() - m_ranges.size() >= 32) return;
+        const double pace = static_cast<double>(m_ranges.size()) / static_cast<double>(wordsDone + 1);
+        const double wanted = pace * static_cast<double>(m_words) * 1.05;
+        const unsigned long least = std::max(64UL, 2 * m_ranges.capacity());
+        const double most = 2.0 * static_cast<double>(least);
+        m_ranges.reserve(std::max(least, static_cast<unsigned long>(std::min(wanted, most))));
     }
+
+    void addWord(std::uint64_t word, unsigned long firstBlock)
+    {
+        // Block n is bit n of these, whatever the order in the map.
+        const std::uint64_t marked = (m_msbFirst ? reverseBitsOfEachByte(word) : word) ^ m_unmarkedWord;
+        std::uint64_t changes = marked ^ (marked << 1 | (m_isMarked ? 1U : 0U));
+        if (m_isMarked) endRun(firstBlock + takeLowestBit(changes));
+        while (changes != 0) {
+            m_start = firstBlock + takeLowestBit(changes);
+            if (changes == 0) break;
+            endRun(firstBlock + takeLowestBit(changes));
+        }
+        m_isMarked = marked >> 63 != 0;
+    }
+
+    void endRun(unsigned long end) { m_ranges.emplace_back(m_start, end - m_start); }
 
     void addByte(unsigned char byte, unsigned long firstBlock)
     {
         const unsigned char ordered = m_msbFirst ? byte : detail::bitswapMap[byte];
         const ByteRanges& found = s_lookup[static_cast<unsigned char>(ordered ^ m_unmarkedByte)];
-        m_isCarrying = m_isCarrying && found.firstBitSet;
-        for (unsigned int i = 0; i < found.runCount; ++i) {
-            addRun(firstBlock + found.runs[i].start, found.runs[i].length);
-            m_isCarrying = false;
-        }
-        m_isCarrying = found.lastBitSet;
+        unsigned int next = 0;
+        if (m_isMarked && found.firstBitSet) m_ranges.back().count() += found.runs[next++].length;
+        for (; next < found.runCount; ++next)
+            m_ranges.emplace_back(firstBlock + found.runs[next].start, found.runs[next].length);
+        m_isMarked = found.lastBitSet;
     }
 
     unsigned char m_unmarkedByte;
     std::uint64_t m_unmarkedWord;
     bool m_msbFirst;
-    bool m_isCarrying = false; // the block before the next one is marked, and the last range ends with it
+    unsigned long m_words;
+    bool m_isMarked = false;   // the block before the next one
+    unsigned long m_start = 0; // of the run that it belongs to, while scanning words
     std::vector<BlockRange> m_ranges;
 };
 
@@ -132,32 +194,17 @@ BitRangeFinder::BitRangeFinder(bool findSetBits, bool msbFirst)
 
 BitRangeFinder::~BitRangeFinder() = default;
 
-// The head, all whole bytes but the last seven, is read in place: looking eight bytes ahead stays inside the
-// map. The rest goes through a copy that is padded with unmarked bits.
 std::vector<BlockRange> BitRangeFinder::findRanges(const void* map, unsigned long size) const
 {
     if (map == nullptr) throw std::invalid_argument("Bad bitmap pointer passed to findRanges function");
     if (size == 0) {
         throw std::invalid_argument("Bad bitmap size passed to findRanges function (size must be > 0)");
     }
-    const unsigned long headBytes = size > 64 ? size / 8 - 7 : 0;
-    if (size < headBytes * 8) throw std::invalid_argument("Invalid bitmap length passed to lookupAlgorithm.");
-
-    Search search(*this);
+    const unsigned long words = size / 64;
     const auto* const bytes = static_cast<const unsigned char*>(map);
-    search.scan(bytes, headBytes, 0);
-
-    constexpr unsigned long kTailBytes = 8;
-    std::array<unsigned char, 2 * kTailBytes> tail{};
-    tail.fill(search.unmarkedByte());
-    const unsigned long wholeTailBytes = size / 8 - headBytes;
-    std::memcpy(tail.data(), bytes + headBytes, wholeTailBytes);
-    if (const auto validBits = static_cast<unsigned int>(size % 8); validBits != 0) {
-        const unsigned int valid = m_msbFirst ? 0xFF00U >> validBits : (1U << validBits) - 1;
-        const unsigned int last = bytes[size / 8];
-        tail[wholeTailBytes] = static_cast<unsigned char>((last & valid) | (search.unmarkedByte() & ~valid));
-    }
-    search.scan(tail.data(), kTailBytes, headBytes * 8);
+    Search search(*this, words);
+    search.scanWords(bytes);
+    search.scanTail(bytes + 8 * words, static_cast<unsigned int>(size % 64));
     return search.take();
 }
 
@@ -179,9 +226,7 @@ std::vector<BlockRange> U64RangeFinder::findRanges(const void* map, unsigned lon
     bool wasMarked = false;
     unsigned long start = 0;
     for (unsigned long i = 0; i < size; ++i) {
-        std::uint64_t word = 0;
-        std::memcpy(&word, bytes + i * sizeof word, sizeof word);
-        const bool isMarked = (word != 0) == m_findNonZero;
+        const bool isMarked = (loadWord(bytes, i) != 0) == m_findNonZero;
         if (isMarked && !wasMarked) start = i;
         if (!isMarked && wasMarked) ranges.emplace_back(start, i - start);
         wasMarked = isMarked;

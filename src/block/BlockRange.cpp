@@ -55,10 +55,7 @@ private:
     std::ios_base::fmtflags m_saved;
 };
 
-std::ostream& withBasePrefix(std::ostream& os)
-{
-    return os << std::hex << std::showbase;
-}
+std::ostream& withBasePrefix(std::ostream& os) { return os << std::hex << std::showbase; }
 
 } // namespace
 
@@ -109,10 +106,7 @@ unsigned int roundUpNextHighestPowerOfTwo(unsigned int v)
     return x + 1;
 }
 
-bool isPowerOfTwo(unsigned long v)
-{
-    return v != 0 && (v & (v - 1)) == 0;
-}
+bool isPowerOfTwo(unsigned long v) { return v != 0 && (v & (v - 1)) == 0; }
 
 unsigned long adjustBlockSizeSoBlockCountFitsInto32Bits(unsigned long totalSize, unsigned long blockSize)
 {

@@ -22,10 +22,7 @@ namespace agent::dir {
 
 namespace {
 
-std::string quoted(const Path& path)
-{
-    return "\"" + path.u8string() + "\"";
-}
+std::string quoted(const Path& path) { return "\"" + path.u8string() + "\""; }
 
 // --- making --------------------------------------------------------------------------------------------
 
@@ -223,10 +220,7 @@ bool isDirectory(const Path& p)
     return ::stat64(p.u8string().c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-unsigned long getInode(const Path& p)
-{
-    return io::statOf(p).st_ino;
-}
+unsigned long getInode(const Path& p) { return io::statOf(p).st_ino; }
 
 bool containsReparsePoint(const Path& p)
 {
@@ -263,10 +257,7 @@ Path working()
     return {current.string()};
 }
 
-Path root()
-{
-    return {"/"};
-}
+Path root() { return {"/"}; }
 
 Path installationDir()
 {

@@ -4,10 +4,7 @@
 
 namespace agent {
 
-long getThreadID()
-{
-    return ::gettid();
-}
+long getThreadID() { return ::gettid(); }
 
 void SetThreadName(long /*thread*/, const char* /*name*/) {}
 

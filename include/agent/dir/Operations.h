@@ -56,7 +56,7 @@ AGENTKIT_API bool containsReparsePoint(const Path& p);
 
 /// The file system that holds a path.
 struct VolumeData {
-    unsigned long blockSize;      ///< bytes
+    unsigned long blockSize; ///< bytes
     unsigned long totalBytes;
     unsigned long freeBytes;      ///< for root
     unsigned long availableBytes; ///< for everybody else

@@ -7,11 +7,8 @@ include_dir=$2
 export compiler include_dir
 
 check() {
-    local language=c++ standard=c++20
-    # What components written in C use must be C.
-    case $1 in agent/crc32c.h | agent/Export.h) language=c standard=c11 ;; esac
     echo "#include \"$1\"" |
-        "$compiler" -x "$language" -std="$standard" -I "$include_dir" -fsyntax-only \
+        "$compiler" -x c++ -std=c++20 -I "$include_dir" -fsyntax-only \
             -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror - || {
         echo "$1 does not compile alone with $compiler" >&2
         return 1

@@ -4,33 +4,39 @@
 
 #include <chrono>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace agent::test {
 
-struct CapturedEntry {
-    std::string text; ///< as the printer got it, newline included
-    info::Logger::Level level;
-    std::chrono::system_clock::time_point when;
-};
-
-/// A logger that remembers what it is told.
-/// Threads: log from as many as you like; read when they are done.
+/// A logger that remembers what it is told. Log from as many threads as you like; read when they are done.
 class CapturingLogger {
 public:
-    CapturingLogger();
-    CapturingLogger(const CapturingLogger&) = delete;
-    CapturingLogger& operator=(const CapturingLogger&) = delete;
+    struct Entry {
+        std::string text; ///< as the printer got it, newline included
+        info::Logger::Level level;
+        std::chrono::system_clock::time_point when;
+    };
 
     info::Logger& logger() { return m_logger; }
-    const std::vector<CapturedEntry>& entries() const { return m_entries; }
+    const std::vector<Entry>& entries() const { return m_entries; }
 
-    /// "LEVEL text" of each entry, without the newline at its end: easy to compare with a list.
-    std::vector<std::string> lines() const;
+    /// "level text" of each entry, the level as a number and the text without the newline at its end.
+    std::vector<std::string> lines() const
+    {
+        std::vector<std::string> lines;
+        for (const Entry& entry : m_entries) {
+            lines.push_back(std::to_string(entry.level) + ' ' + entry.text);
+            if (lines.back().ends_with('\n')) lines.back().pop_back();
+        }
+        return lines;
+    }
 
 private:
-    std::vector<CapturedEntry> m_entries;
-    info::Logger m_logger;
+    std::vector<Entry> m_entries;
+    info::Logger m_logger{[this](std::string text, info::Logger::Level level, auto when) {
+        m_entries.push_back({std::move(text), level, when});
+    }};
 };
 
 } // namespace agent::test

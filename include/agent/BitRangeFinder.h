@@ -11,8 +11,9 @@ namespace agent {
 
 /// Finds the runs of marked blocks in a map of a volume.
 ///
-///     const auto finder = BitRangeFinderFactory().createBitRangeFinder(BitRangeFinderFactory::Bit, true,
-///     true); for (const BlockRange& range : finder->findRanges(bitmap.data(), blockCount)) send(range);
+///     const BitRangeFinderFactory factory;
+///     const auto finder = factory.createBitRangeFinder(BitRangeFinderFactory::Bit, true, true);
+///     for (const BlockRange& range : finder->findRanges(bitmap.data(), blockCount)) send(range);
 ///
 /// Callers derive from it and call through its slots: the destructor, then `findRanges`.
 class AGENTKIT_API IRangeFinder {
@@ -31,9 +32,10 @@ protected:
 
 /// Runs of set or of clear bits in a bitmap that has one bit a block.
 ///
-/// Made for maps that are mostly unmarked: eight unmarked bytes are passed over by one comparison, and a byte
-/// with marks costs one table lookup. The map is read in place, at any alignment, and never beyond its
-/// (size + 7) / 8 bytes; bits of its last byte beyond `size` are ignored.
+/// Made for maps that change seldom from marked to unmarked: words that only continue what was before them are
+/// passed over 32 bytes at a time. The result grows at the pace of the map so far, so it may come with spare
+/// capacity. The map is read in place, at any alignment, and never beyond its (size + 7) / 8 bytes; bits of its
+/// last byte beyond `size` are ignored.
 ///
 /// Threads: immutable; any number may search with one finder. Usable from static constructors of other files.
 class AGENTKIT_API BitRangeFinder : public IRangeFinder {

@@ -81,10 +81,8 @@ std::uint64_t reverseBitsOfEachByte(std::uint64_t word)
 unsigned long skipWords(const unsigned char* map, unsigned long i, unsigned long words, std::uint64_t pattern)
 {
     const auto differs = [&](unsigned long index) { return loadWord(map, index) ^ pattern; };
-    while (i + 4 <= words && (differs(i) | differs(i + 1) | differs(i + 2) | differs(i + 3)) == 0)
-        i += 4;
-    while (i < words && differs(i) == 0)
-        ++i;
+    while (i + 4 <= words && (differs(i) | differs(i + 1) | differs(i + 2) | differs(i + 3)) == 0) i += 4;
+    while (i < words && differs(i) == 0) ++i;
     return i;
 }
 
@@ -131,8 +129,7 @@ public:
             const unsigned int last = tail[bits / 8];
             tail[bits / 8] = static_cast<unsigned char>((last & valid) | (m_unmarkedByte & ~valid));
         }
-        for (unsigned int i = 0; i < (bits + 7) / 8; ++i)
-            addByte(tail[i], 64 * m_words + 8UL * i);
+        for (unsigned int i = 0; i < (bits + 7) / 8; ++i) addByte(tail[i], 64 * m_words + 8UL * i);
     }
 
     std::vector<BlockRange> take() { return std::move(m_ranges); }

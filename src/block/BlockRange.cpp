@@ -101,8 +101,7 @@ unsigned int roundUpNextHighestPowerOfTwo(unsigned int v)
     if (v == 0) return 1;
     if (v > kLargestPowerOfTwo) throw std::runtime_error("Next largest power of 2 exceeds uint32_t capacity");
     unsigned int x = v - 1;
-    for (unsigned int shift = 1; shift <= 16; shift *= 2)
-        x |= x >> shift;
+    for (unsigned int shift = 1; shift <= 16; shift *= 2) x |= x >> shift;
     return x + 1;
 }
 

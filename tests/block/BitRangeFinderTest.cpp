@@ -64,8 +64,7 @@ TEST(BitRangeFinder, FindsWhatAWalkFindsInMapsOfEverySize)
         for (unsigned long n = 0; n < map.size() * 8; ++n) {
             if (bit(random)) map[n / 8] = static_cast<unsigned char>(map[n / 8] | 1U << n % 8);
         }
-        for (unsigned long size = 1; size <= map.size() * 8; ++size)
-            expectAsWalked(map, size);
+        for (unsigned long size = 1; size <= map.size() * 8; ++size) expectAsWalked(map, size);
     }
 }
 
@@ -86,15 +85,15 @@ TEST(BitRangeFinder, FindsWhatAWalkFindsInLongRuns)
     }
 }
 
-TEST(BitRangeFinder, KnowsTheOrdersAndJoinsHeadAndTail)
+TEST(BitRangeFinder, KnowsTheOrdersAndJoinsRunsAcrossBytesAndWords)
 {
     const Bytes two{0x01, 0x80};
     EXPECT_EQ(BitRangeFinder(true, true).findRanges(two.data(), 16), (Ranges{{7, 2}}));
     EXPECT_EQ(BitRangeFinder(true, false).findRanges(two.data(), 16), (Ranges{{0, 1}, {15, 1}}));
-    Bytes seam(16);
-    seam[8] = 0x01; // bit 71, the last that is read in place
-    seam[9] = 0x80; // bit 72, the first of the tail
-    EXPECT_EQ(BitRangeFinder(true, true).findRanges(seam.data(), 128), (Ranges{{71, 2}}));
+    Bytes seams(13); // runs across the byte seam 72 and the word seam 64, and into the rest past the words
+    seams[7] = seams[8] = 0x81;
+    seams[9] = 0x80;
+    EXPECT_EQ(BitRangeFinder(true, true).findRanges(seams.data(), 100), (Ranges{{56, 1}, {63, 2}, {71, 2}}));
     EXPECT_EQ(BitRangeFinder(true, true).findRanges(Bytes(13, 0xFF).data(), 100), (Ranges{{0, 100}}));
 }
 

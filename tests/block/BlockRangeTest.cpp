@@ -136,8 +136,7 @@ TEST(PowersOfTwo, RoundUp)
 {
     const std::pair<unsigned int, unsigned int> cases[] = {
         {0, 1}, {1, 1}, {2, 2}, {3, 4}, {8, 8}, {9, 16}, {0x7FFFFFFF, 0x80000000}, {0x80000000, 0x80000000}};
-    for (const auto& [v, expected] : cases)
-        EXPECT_EQ(roundUpNextHighestPowerOfTwo(v), expected) << v;
+    for (const auto& [v, expected] : cases) EXPECT_EQ(roundUpNextHighestPowerOfTwo(v), expected) << v;
     try {
         roundUpNextHighestPowerOfTwo(0x80000001);
         ADD_FAILURE();

@@ -13,6 +13,8 @@ namespace agent {
 
 namespace {
 
+using namespace std::string_literals;
+
 constexpr unsigned long kMaxChunk = 1UL << 20; // bytes written at a time
 
 // To be called right after the stream operation, before anything can overwrite errno.
@@ -24,16 +26,16 @@ void throwIfFailed(const std::ostream& stream, const char* message)
 
 // Moves the put position and makes sure that it is there.
 // @param what  begins both messages
-void seekTo(std::ostream& stream, unsigned long position, const std::string& what)
+void seekTo(std::ostream& stream, unsigned long position, const char* what)
 {
     stream.seekp(static_cast<std::streamoff>(position));
     const int error = errno;
-    if (stream.fail()) throw PosixError(what + " Offset: " + std::to_string(position), error);
+    if (stream.fail()) throw PosixError(what + " Offset: "s + std::to_string(position), error);
 
     const std::streamoff actual = stream.tellp();
     if (actual == static_cast<std::streamoff>(position)) return;
     throw std::runtime_error(
-        what + " Expected: " + std::to_string(position) + " | Actual: " + std::to_string(actual));
+        what + " Expected: "s + std::to_string(position) + " | Actual: " + std::to_string(actual));
 }
 
 } // namespace
@@ -72,7 +74,7 @@ private:
         unsigned long position = m_offset + range.start() / 8;
         for (unsigned long done = 0; done < bytes;) {
             if (done != 0) position = static_cast<unsigned long>(std::streamoff(m_stream.tellp()));
-            if (static_cast<std::streamoff>(position) > static_cast<std::streamoff>(m_lastAllowed)) {
+            if (position > m_lastAllowed) { // so is -1, of a stream that does not know where it is
                 throw std::logic_error("Cannot write byte past the max size of the bitmap. Stream Offset: " +
                                        std::to_string(position));
             }

@@ -139,8 +139,9 @@ protected:
     }
     std::streamsize xsputn(const char* text, std::streamsize size) override
     {
-        if (++writes == failingWrite) return fail(ENOSPC) == pos_type(0) ? size : 0;
-        return std::stringbuf::xsputn(text, size);
+        if (++writes != failingWrite) return std::stringbuf::xsputn(text, size);
+        errno = ENOSPC;
+        return 0;
     }
     int sync() override { return failingSync ? (errno = EIO, -1) : 0; }
 
@@ -177,9 +178,9 @@ TEST(BlockRangeBitmapStream, TellsWhichStepFailed)
         failureOf([](auto& b) { b.failingWrite = 1; }), "posix Failed to clear bitmap in bitmap file." + full);
     EXPECT_EQ(failureOf([](auto& b) { b.failingWrite = 2; }),
         "posix Failed to write block ranges to bitmap file." + full);
-    EXPECT_EQ(
-        failureOf([](auto& b) { b.failingSync = true; }), "posix Failed to flush block ranges to bitmap file.: "
-                                                          "Input/output error | ERROR(Posix) : 5 (0x00000005)");
+    EXPECT_EQ(failureOf([](auto& b) { b.failingSync = true; }),
+        "posix Failed to flush block ranges to bitmap file.: "
+        "Input/output error | ERROR(Posix) : 5 (0x00000005)");
 }
 
 TEST(BlockRangeBitmapStream, AsksAndWritesOncePerRunNotPerByte)

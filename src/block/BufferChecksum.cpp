@@ -61,8 +61,7 @@ bool BufferChecksumGeneratorGCryptCRC32::generateChecksum(
     constexpr int kDigestBytes = 4;
     const unsigned char* const bytes = gcry_md_read(digest.get(), GCRY_MD_CRC32); // finalises it first
     unsigned int value = 0;
-    for (int i = 0; i < kDigestBytes; ++i)
-        value = value << 8 | bytes[i];
+    for (int i = 0; i < kDigestBytes; ++i) value = value << 8 | bytes[i];
     checksum = value;
     return true;
 }

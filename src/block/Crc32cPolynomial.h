@@ -24,8 +24,7 @@ constexpr Crc32cTable makeSliceTable(unsigned int distance)
     Crc32cTable table{};
     for (std::uint32_t byte = 0; byte < table.size(); ++byte) {
         std::uint32_t crc = byte;
-        for (unsigned int bit = 0; bit < 8 * (distance + 1); ++bit)
-            crc = timesX(crc);
+        for (unsigned int bit = 0; bit < 8 * (distance + 1); ++bit) crc = timesX(crc);
         table[byte] = crc;
     }
     return table;

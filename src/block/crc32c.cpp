@@ -42,8 +42,7 @@ std::uint32_t addByte(std::uint32_t crc, unsigned char byte)
 
 std::uint32_t addBytes(std::uint32_t crc, const unsigned char* bytes, unsigned long length)
 {
-    for (unsigned long i = 0; i < length; ++i)
-        crc = addByte(crc, bytes[i]);
+    for (unsigned long i = 0; i < length; ++i) crc = addByte(crc, bytes[i]);
     return crc;
 }
 
@@ -123,8 +122,7 @@ uint32_t crc32c_slice_4(uint32_t crc, const void* data, unsigned long length)
     crc = addBytes(crc, bytes, lead);
     bytes += lead;
     length -= lead;
-    for (; length >= 4; bytes += 4, length -= 4)
-        crc = nearTables(crc ^ load<std::uint32_t>(bytes));
+    for (; length >= 4; bytes += 4, length -= 4) crc = nearTables(crc ^ load<std::uint32_t>(bytes));
     return addBytes(crc, bytes, length);
 }
 
@@ -146,21 +144,20 @@ uint32_t crc32c_slice_8(uint32_t crc, const void* data, unsigned long length)
 __attribute__((target("sse4.2"))) uint32_t crc32c_hw32(uint32_t crc, const void* data, unsigned long length)
 {
     const auto* bytes = static_cast<const unsigned char*>(data);
-    for (; length >= 4; bytes += 4, length -= 4)
-        crc = _mm_crc32_u32(crc, load<std::uint32_t>(bytes));
+    for (; length >= 4; bytes += 4, length -= 4) crc = _mm_crc32_u32(crc, load<std::uint32_t>(bytes));
     return crc;
 }
 
 __attribute__((target("sse4.2"))) uint32_t crc32c_hw64(uint32_t crc, const void* data, unsigned long length)
 {
-    // Long chains for speed; 1360, because three of them fill a block of 4 KiB but for two words; the shortest
-    // for sectors.
+    // The longer a chain, the better the processor fetches the three places ahead: 256 KiB reads as fast as
+    // memory delivers. 1360, because three of them fill a page but for two words; the shortest is for sectors.
     const auto* bytes = static_cast<const unsigned char*>(data);
-    std::uint64_t wide = addChains<8192>(crc, bytes, length);
+    std::uint64_t wide = addChains<256UL << 10>(crc, bytes, length);
+    wide = addChains<16UL << 10>(wide, bytes, length);
     wide = addChains<1360>(wide, bytes, length);
     wide = addChains<168>(wide, bytes, length);
-    for (; length >= 8; bytes += 8, length -= 8)
-        wide = _mm_crc32_u64(wide, load<std::uint64_t>(bytes));
+    for (; length >= 8; bytes += 8, length -= 8) wide = _mm_crc32_u64(wide, load<std::uint64_t>(bytes));
     return static_cast<std::uint32_t>(wide);
 }
 

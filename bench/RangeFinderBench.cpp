@@ -119,8 +119,7 @@ void setBit(Bitmap& map, unsigned long block)
 
 void onePer65536(Bitmap& map)
 {
-    for (unsigned long block = 777; block < 8 * map.size(); block += 65536)
-        setBit(map, block);
+    for (unsigned long block = 777; block < 8 * map.size(); block += 65536) setBit(map, block);
 }
 
 Fill random(double density)
@@ -135,8 +134,7 @@ Fill random(double density)
 
 void longRuns(Bitmap& map)
 {
-    for (unsigned long i = 0; i < map.size(); ++i)
-        map[i] = i / 512 % 2 == 0 ? 0xFF : 0; // 4096 bits on, 4096 off
+    for (unsigned long i = 0; i < map.size(); ++i) map[i] = i / 512 % 2 == 0 ? 0xFF : 0; // 4096 bits on, 4096 off
 }
 
 const std::vector<std::pair<std::string, Fill>> kMaps{
@@ -150,7 +148,9 @@ const std::vector<std::pair<std::string, Fill>> kMaps{
     {"ones", [](Bitmap& map) { std::ranges::fill(map, static_cast<unsigned char>(0xFF)); }},
 };
 
-void search(benchmark::State& state, Ranges (*find)(const Bitmap&), const Fill& fill, unsigned int log2OfBits)
+using Find = Ranges (*)(const Bitmap&);
+
+void search(benchmark::State& state, Find find, const Fill& fill, unsigned int log2OfBits)
 {
     Bitmap map((1UL << log2OfBits) / 8);
     fill(map);
@@ -162,19 +162,19 @@ void search(benchmark::State& state, Ranges (*find)(const Bitmap&), const Fill& 
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * map.size()));
 }
 
+void add(const std::string& name, Find find, const Fill& fill, unsigned int log2OfBits)
+{
+    const auto run = [=](benchmark::State& state) { search(state, find, fill, log2OfBits); };
+    benchmark::RegisterBenchmark(name.c_str(), run)->MinTime(0.2);
+}
+
 const bool registered = [] {
-    const std::pair<std::string, Ranges (*)(const Bitmap&)> variants[] = {
+    const std::pair<std::string, Find> variants[] = {
         {"agentkit", agentkitSearch}, {"table", tableSearch}, {"words", wordSearch}};
     for (const unsigned int log2OfBits : {22U, 28U}) {
         for (const auto& [mapName, fill] : kMaps) {
-            for (const auto& [variant, find] : variants) {
-                const std::string name =
-                    "ranges/" + variant + "/2^" + std::to_string(log2OfBits) + "_" + mapName;
-                benchmark::RegisterBenchmark(name.c_str(),
-                    [find = find, fill = fill, log2OfBits](
-                        benchmark::State& state) { search(state, find, fill, log2OfBits); })
-                    ->MinTime(0.2);
-            }
+            const std::string map = "/2^" + std::to_string(log2OfBits) + "_" + mapName;
+            for (const auto& [variant, find] : variants) add("ranges/" + variant + map, find, fill, log2OfBits);
         }
     }
     return true;

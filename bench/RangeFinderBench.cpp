@@ -159,7 +159,7 @@ void search(benchmark::State& state, Find find, const Fill& fill, unsigned int l
         const Ranges ranges = find(map);
         benchmark::DoNotOptimize(ranges.data());
     }
-    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * map.size()));
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(map.size()));
 }
 
 void add(const std::string& name, Find find, const Fill& fill, unsigned int log2OfBits)
@@ -168,14 +168,17 @@ void add(const std::string& name, Find find, const Fill& fill, unsigned int log2
     benchmark::RegisterBenchmark(name.c_str(), run)->MinTime(0.2);
 }
 
+void addMap(const std::string& mapName, const Fill& fill, unsigned int log2OfBits)
+{
+    const std::string map = "/2^" + std::to_string(log2OfBits) + "_" + mapName;
+    add("ranges/agentkit" + map, agentkitSearch, fill, log2OfBits);
+    add("ranges/table" + map, tableSearch, fill, log2OfBits);
+    add("ranges/words" + map, wordSearch, fill, log2OfBits);
+}
+
 const bool registered = [] {
-    const std::pair<std::string, Find> variants[] = {
-        {"agentkit", agentkitSearch}, {"table", tableSearch}, {"words", wordSearch}};
     for (const unsigned int log2OfBits : {22U, 28U}) {
-        for (const auto& [mapName, fill] : kMaps) {
-            const std::string map = "/2^" + std::to_string(log2OfBits) + "_" + mapName;
-            for (const auto& [variant, find] : variants) add("ranges/" + variant + map, find, fill, log2OfBits);
-        }
+        for (const auto& [mapName, fill] : kMaps) addMap(mapName, fill, log2OfBits);
     }
     return true;
 }();

@@ -2,7 +2,7 @@
 
 #include "agent/Export.h"
 
-#include <stdint.h> /* usable from C */
+#include <stdint.h> /* NOLINT(modernize-deprecated-headers): usable from C */
 
 #ifdef __cplusplus
 extern "C" {

@@ -22,7 +22,7 @@ std::vector<unsigned char> randomBytes(std::size_t size)
     return bytes;
 }
 
-bool hasInstruction() { return __builtin_cpu_supports("sse4.2") != 0; }
+bool hasInstruction() { return static_cast<bool>(__builtin_cpu_supports("sse4.2")); }
 
 TEST(Crc32c, GivesThePublishedValues)
 {
@@ -56,17 +56,16 @@ TEST_P(Routines, AgreeWithTheByteWiseOne)
     for (const unsigned long length : lengths) {
         for (unsigned long alignment = 0; alignment < 9; ++alignment) {
             const auto* const data = bytes.data() + alignment;
-            EXPECT_EQ(routine(0xABCDEF01, data, length),
-                crc32c_sarwate(0xABCDEF01, data, length / wordBytes * wordBytes))
+            EXPECT_EQ(
+                routine(0xABCDEF01, data, length), crc32c_sarwate(0xABCDEF01, data, length / wordBytes * wordBytes))
                 << length << " bytes at alignment " << alignment;
         }
     }
 }
 
 INSTANTIATE_TEST_SUITE_P(Crc32c, Routines,
-    testing::Values(RoutineCase{"slice_4", crc32c_slice_4, 1, false},
-        RoutineCase{"slice_8", crc32c_slice_8, 1, false}, RoutineCase{"hw32", crc32c_hw32, 4, true},
-        RoutineCase{"hw64", crc32c_hw64, 8, true},
+    testing::Values(RoutineCase{"slice_4", crc32c_slice_4, 1, false}, RoutineCase{"slice_8", crc32c_slice_8, 1, false},
+        RoutineCase{"hw32", crc32c_hw32, 4, true}, RoutineCase{"hw64", crc32c_hw64, 8, true},
         RoutineCase{"dispatcher", crc32c, hasInstruction() ? 8UL : 1UL, false}),
     [](const auto& instance) { return instance.param.name; });
 
@@ -90,8 +89,7 @@ TEST(BufferChecksumGenerator, Crc32IsTheCommonOne)
     EXPECT_EQ(checksum, 0xCBF43926U);
     EXPECT_TRUE(generator->generateChecksum(text.data(), 0, checksum));
     EXPECT_EQ(checksum, 0U);
-    text =
-        "4"; // digests with leading zeros keep them as such: CRC-32 of "4" is 0xf3b61b38, of "\x3" 0x4b04d447
+    text = "4"; // digests with leading zeros keep them as such: CRC-32 of "4" is 0xf3b61b38, of "\x3" 0x4b04d447
     EXPECT_TRUE(generator->generateChecksum(text.data(), 1, checksum));
     EXPECT_EQ(checksum, 0xF3B61B38U);
 }

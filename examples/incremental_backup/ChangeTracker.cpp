@@ -49,17 +49,15 @@ private:
 [[noreturn]] void throwNoCopy(const ImageFile& replica, const ImageFile& previous, unsigned long offset)
 {
     throw std::runtime_error("\"" + replica.path() + "\" is no copy of \"" + previous.path() +
-                             "\" (they differ from byte " + std::to_string(offset) +
-                             " on); it was left as it is");
+                             "\" (they differ from byte " + std::to_string(offset) + " on); it was left as it is");
 }
 
 } // namespace
 
 unsigned long BlockMap::bytesIn(const agent::BlockRange& range) const
 {
-    const auto toByte = [this](unsigned long block) {
-        return block >= blockCount() ? m_imageSize : block * m_blockSize;
-    };
+    const auto toByte = [this](
+                            unsigned long block) { return block >= blockCount() ? m_imageSize : block * m_blockSize; };
     return toByte(range.end()) - toByte(range.start());
 }
 
@@ -78,8 +76,7 @@ std::set<agent::BlockRange> findChanges(
         previous.read(offset, before.data(), size);
         if (replica != nullptr) {
             replica->read(offset, now.data(), size);
-            const auto difference =
-                std::mismatch(now.begin(), now.begin() + static_cast<long>(size), before.begin());
+            const auto difference = std::mismatch(now.begin(), now.begin() + static_cast<long>(size), before.begin());
             const auto equal = static_cast<unsigned long>(difference.first - now.begin());
             if (equal != size) throwNoCopy(*replica, previous, offset + equal);
         }

@@ -20,7 +20,7 @@ public:
 
     unsigned long blockSize() const { return m_blockSize; }
     unsigned long imageSize() const { return m_imageSize; }
-    unsigned long blockCount() const { return m_imageSize / m_blockSize + (m_imageSize % m_blockSize != 0); }
+    unsigned long blockCount() const { return m_imageSize / m_blockSize + (m_imageSize % m_blockSize != 0 ? 1 : 0); }
 
     /// Bytes of the image that lie in the range.
     unsigned long bytesIn(const agent::BlockRange& range) const;

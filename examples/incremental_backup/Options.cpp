@@ -33,8 +33,7 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options)
     CLI::App app{"Brings a replica of a volume image up to date by copying only the blocks that changed."};
     app.add_option("--previous", options.previous, "image as it was at the last backup")->required();
     app.add_option("--current", options.current, "image as it is now")->required();
-    app.add_option("--replica", options.replica, "copy of the previous image to update; made if missing")
-        ->required();
+    app.add_option("--replica", options.replica, "copy of the previous image to update; made if missing")->required();
     app.add_option("--block-size", options.blockSize, "bytes in a block, a power of two")
         ->check(checkBlockSize, "power of two")
         ->capture_default_str();

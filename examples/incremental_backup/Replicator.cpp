@@ -17,8 +17,7 @@ using agent::info::Logger;
 Replicator::Replicator(Logger& logger, const BlockMap& map)
     : m_logger(logger)
     , m_map(map)
-    , m_generator(
-          agent::BufferChecksumGeneratorFactory().createBufferChecksumGenerator(agent::ChecksumType::CRC32C))
+    , m_generator(agent::BufferChecksumGeneratorFactory().createBufferChecksumGenerator(agent::ChecksumType::CRC32C))
 {
 }
 
@@ -46,9 +45,8 @@ void Replicator::apply(const ImageFile& current, const ImageFile& replica)
     } catch (const std::exception& e) {
         const auto wanted = std::accumulate(m_ranges.begin(), m_ranges.end(), 0UL,
             [](unsigned long sum, const BlockRange& range) { return sum + range.count(); });
-        throw std::runtime_error("\"" + replica.path() + "\" is incomplete, " +
-                                 std::to_string(m_totals.blocks) + " of " + std::to_string(wanted) +
-                                 " changed blocks were written: " + e.what());
+        throw std::runtime_error("\"" + replica.path() + "\" is incomplete, " + std::to_string(m_totals.blocks) +
+                                 " of " + std::to_string(wanted) + " changed blocks were written: " + e.what());
     }
     m_totals.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
@@ -57,9 +55,9 @@ void Replicator::copyRanges(const ImageFile& current, const ImageFile& replica)
 {
     m_totals = {};
     m_blockChecksums.clear();
-    Progress progress("Copying",
-        std::accumulate(m_ranges.begin(), m_ranges.end(), 0UL,
-            [this](unsigned long sum, const BlockRange& range) { return sum + m_map.bytesIn(range); }));
+    Progress progress(
+        "Copying", std::accumulate(m_ranges.begin(), m_ranges.end(), 0UL,
+                       [this](unsigned long sum, const BlockRange& range) { return sum + m_map.bytesIn(range); }));
     std::vector<char> buffer;
     forEachPiece([&](const BlockRange& piece) {
         readPiece(current, piece, buffer);
@@ -110,8 +108,8 @@ std::string Replicator::compareChecksums(const ImageFile& replica) const
         readPiece(replica, piece, buffer);
         for (unsigned long block = 0; block < piece.count(); ++block) {
             if (checksum(buffer, block) == *expected++ || !difference.empty()) continue;
-            difference = "\"" + replica.path() + "\" has the wrong checksum in block " +
-                         std::to_string(piece.start() + block);
+            difference =
+                "\"" + replica.path() + "\" has the wrong checksum in block " + std::to_string(piece.start() + block);
         }
     });
     return difference;

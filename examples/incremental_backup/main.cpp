@@ -34,7 +34,7 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-void print(const std::string& text, Logger::Level level, std::chrono::system_clock::time_point)
+void print(const std::string& text, Logger::Level level, std::chrono::system_clock::time_point /*when*/)
 {
     if (level <= Logger::WARNING) {
         std::cerr << text;
@@ -55,30 +55,28 @@ const char* checksumRoutine()
 void refuseSameFile(const ImageFile& replica, const ImageFile& other)
 {
     if (!replica.isSameFileAs(other)) return;
-    throw std::invalid_argument(
-        "the replica \"" + replica.path() + "\" is the same file as \"" + other.path() + "\"");
+    throw std::invalid_argument("the replica \"" + replica.path() + "\" is the same file as \"" + other.path() + "\"");
 }
 
 void refuseOtherSize(const ImageFile& image, const ImageFile& previous)
 {
     if (image.size() == previous.size()) return;
-    throw std::invalid_argument("sizes differ: \"" + previous.path() + "\" has " +
-                                std::to_string(previous.size()) + " bytes, \"" + image.path() + "\" has " +
-                                std::to_string(image.size()));
+    throw std::invalid_argument("sizes differ: \"" + previous.path() + "\" has " + std::to_string(previous.size()) +
+                                " bytes, \"" + image.path() + "\" has " + std::to_string(image.size()));
 }
 
 void printSummary(const BlockMap& map, const Replicator& replicator, Logger& logger)
 {
     const Totals& totals = replicator.totals();
     const double megabytes = static_cast<double>(totals.bytes) / 1e6;
-    Logger::Entry(logger, Logger::INFO)
-        << "Ranges:   " << replicator.ranges().size() << '\n'
-        << "Blocks:   " << totals.blocks << " of " << map.blockCount() << ", " << map.blockSize()
-        << " bytes each\n"
-        << "Bytes:    " << totals.bytes << " (" << agent::formatBytes(totals.bytes, 1) << ")\n"
-        << "Speed:    " << std::fixed << std::setprecision(1)
-        << (totals.seconds > 0 ? megabytes / totals.seconds : 0.0) << " MB/s\n"
-        << "Checksum: " << checksumRoutine();
+    Logger::Entry(logger, Logger::INFO) << "Ranges:   " << replicator.ranges().size() << '\n'
+                                        << "Blocks:   " << totals.blocks << " of " << map.blockCount() << ", "
+                                        << map.blockSize() << " bytes each\n"
+                                        << "Bytes:    " << totals.bytes << " (" << agent::formatBytes(totals.bytes, 1)
+                                        << ")\n"
+                                        << "Speed:    " << std::fixed << std::setprecision(1)
+                                        << (totals.seconds > 0 ? megabytes / totals.seconds : 0.0) << " MB/s\n"
+                                        << "Checksum: " << checksumRoutine();
 }
 
 void run(const Options& options, Logger& logger)
@@ -104,8 +102,8 @@ void run(const Options& options, Logger& logger)
         [&](const std::exception_ptr& e) { Logger::Entry(logger, Logger::WARNING) << agent::eptr_str(e); });
 
     const bool msbFirst = !options.lsbFirst;
-    writeBitmap(bitmap.u8string(), map, findChanges(map, previous, current, isNewReplica ? nullptr : &replica),
-        msbFirst);
+    writeBitmap(
+        bitmap.u8string(), map, findChanges(map, previous, current, isNewReplica ? nullptr : &replica), msbFirst);
     Replicator replicator(logger, map);
     replicator.loadChanges(bitmap.u8string(), msbFirst);
     replicator.apply(current, replica);

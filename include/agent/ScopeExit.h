@@ -36,7 +36,7 @@ public:
     scope_exit(const scope_exit&) = delete;
     scope_exit& operator=(const scope_exit&) = delete;
 
-    ~scope_exit() noexcept(false)
+    ~scope_exit() noexcept(false) // NOLINT(bugprone-exception-escape): what it is for
     {
         if (!std::exchange(m_active, false)) return;
         try {
@@ -80,7 +80,7 @@ AGENTKIT_API void logIgnored(info::Logger& logger, const std::exception& e) noex
 /// Runs `action`; a `std::exception` that leaves it is logged at ERROR by its `what()` and ignored.
 /// Anything else that is thrown ends the process.
 template <typename Action>
-void try_ignore(Action action, info::Logger& logger) noexcept
+void try_ignore(Action action, info::Logger& logger) noexcept // NOLINT(bugprone-exception-escape): ends the process
 {
     try {
         action();

@@ -15,8 +15,8 @@ constexpr std::array<unsigned char, 256> makeValues()
 {
     std::array<unsigned char, 256> values{};
     values.fill(kNoDigit);
-    for (unsigned char i = 0; i < kAlphabet.size(); ++i)
-        values[static_cast<unsigned char>(kAlphabet[i])] = i;
+    unsigned char value = 0;
+    for (const char c : kAlphabet) values[static_cast<unsigned char>(c)] = value++;
     return values;
 }
 constexpr auto kValues = makeValues();

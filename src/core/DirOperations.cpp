@@ -48,8 +48,7 @@ void makeWithParents(const Path& whole, const Path& p, bool recursive)
     const std::string begin = "dir::make(" + quoted(whole) + ")";
     if (error == EEXIST) {
         throw PosixError(
-            "dir::make(" + quoted(whole) + "): " + quoted(p) + " already exists and is not a directory",
-            ENOTDIR);
+            "dir::make(" + quoted(whole) + "): " + quoted(p) + " already exists and is not a directory", ENOTDIR);
     }
     throw PosixError(begin + ", mkdir(" + quoted(p) + ") failed", error);
 }
@@ -75,8 +74,7 @@ public:
             m_pending.pop_front();
             const auto status = io::statOf(directory);
             if (!m_visited.emplace(status.st_dev, status.st_ino).second) continue;
-            for (const std::string& name : list(directory))
-                visit(directory / name);
+            for (const std::string& name : list(directory)) visit(directory / name);
         }
     }
 

@@ -36,8 +36,7 @@ public:
     Copy& operator=(const Copy&) = delete;
     ~Copy()
     {
-        if (m_removeTarget)
-            (void)::unlink(m_to.u8string().c_str()); // best effort: the error that led here counts
+        if (m_removeTarget) (void)::unlink(m_to.u8string().c_str()); // best effort: the error that led here counts
     }
 
     void run(bool overwrite)
@@ -51,10 +50,7 @@ public:
     }
 
 private:
-    [[noreturn]] void fail(int error, const char* reason = "") const
-    {
-        throw PosixError(m_failed + reason, error);
-    }
+    [[noreturn]] void fail(int error, const char* reason = "") const { throw PosixError(m_failed + reason, error); }
 
     void openSource()
     {
@@ -162,8 +158,7 @@ void symlink(const Path& target, const Path& link)
 
 void hardlink(const Path& existing, const Path& link)
 {
-    if (::link(existing.u8string().c_str(), link.u8string().c_str()) != 0)
-        throwNotLinked(existing, link, errno);
+    if (::link(existing.u8string().c_str(), link.u8string().c_str()) != 0) throwNotLinked(existing, link, errno);
 }
 
 Path symlinkTarget(const Path& p)
@@ -244,11 +239,12 @@ Path renameDuplicatePath(const Path& p)
     const std::string directory = whole.substr(0, whole.size() - name.size()); // with its '/'
     const auto dot = name.rfind('.');
     std::string stem = name.substr(0, dot);
-    const std::string extension = dot == std::string::npos ? "" : name.substr(dot);
     stem.erase(stem.find_last_not_of(' ') + 1);
+    const std::string begin = directory + stem + " (";
+    const std::string end = ")" + (dot == std::string::npos ? "" : name.substr(dot));
 
     for (unsigned long counter = 1;; ++counter) {
-        const Path candidate(directory + stem + " (" + std::to_string(counter) + ")" + extension);
+        Path candidate = begin + std::to_string(counter) + end;
         if (!isTaken(candidate)) return candidate;
     }
 }

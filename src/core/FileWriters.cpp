@@ -40,15 +40,14 @@ void truncateAndWrite(info::Logger& /*logger*/, const Path& path, const std::str
     if (!io::close(std::move(fd))) throwNotWritten(path, errno);
 }
 
-void BufferToFile(const Path& path, const std::string& data, const char* mode, unsigned int offset,
-    unsigned int size, char terminator)
+void BufferToFile(const Path& path, const std::string& data, const char* mode, unsigned int offset, unsigned int size,
+    char terminator)
 {
     const auto closeOnExec = std::string(mode) + "e";
     std::unique_ptr<std::FILE, CloseFile> file(std::fopen(path.u8string().c_str(), closeOnExec.c_str()));
     if (!file) throwNotOpened(path, errno);
 
-    const std::string_view part =
-        std::string_view(data).substr(std::min<std::size_t>(offset, data.size()), size);
+    const std::string_view part = std::string_view(data).substr(std::min<std::size_t>(offset, data.size()), size);
     const bool isWritten = std::fwrite(part.data(), 1, part.size(), file.get()) == part.size() &&
                            (terminator == '\0' || std::fputc(terminator, file.get()) != EOF);
     if (!isWritten) throwNotWritten(path, errno);

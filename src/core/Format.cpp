@@ -29,9 +29,10 @@ std::string withoutTrailingZeros(double value, int precision)
     constexpr int kEnoughDigits = 52;
     std::array<char, 64> buffer{};
     const int digits = precision < 0 ? kDefaultPrecision : std::min(precision, kEnoughDigits);
-    const auto end = std::to_chars(buffer.begin(), buffer.end(), value, std::chars_format::fixed, digits).ptr;
+    const char* const end =
+        std::to_chars(buffer.data(), buffer.data() + buffer.size(), value, std::chars_format::fixed, digits).ptr;
 
-    std::string text(buffer.begin(), end);
+    std::string text(buffer.data(), end);
     if (text.find('.') == std::string::npos) return text;
     text.erase(text.find_last_not_of('0') + 1);
     if (text.ends_with('.')) text.pop_back();
@@ -53,8 +54,7 @@ std::string formatCount(unsigned long value, int precision, const DataUnit& unit
 
 void appendHex(std::string& text, unsigned long value, int digits)
 {
-    for (int shift = 4 * (digits - 1); shift >= 0; shift -= 4)
-        text += ascii::kHexDigits[value >> shift & 0xF];
+    for (int shift = 4 * (digits - 1); shift >= 0; shift -= 4) text += ascii::kHexDigits[value >> shift & 0xF];
 }
 
 constexpr unsigned int kRowBytes = 16;
@@ -99,8 +99,7 @@ std::string format_utc(std::chrono::system_clock::time_point when, const char* f
     return {buffer.data(), length};
 }
 
-std::string BufferToAsciiString(
-    const char* buffer, unsigned int size, unsigned int characterMask, char placeholder)
+std::string BufferToAsciiString(const char* buffer, unsigned int size, unsigned int characterMask, char placeholder)
 {
     std::string dump;
     const std::string_view all(buffer, size);

@@ -45,9 +45,6 @@ struct stat64 statOf(const Path& path)
     return status;
 }
 
-std::string failed(const std::string& call, const Path& path)
-{
-    return call + "(\"" + path.u8string() + "\") failed";
-}
+std::string failed(const std::string& call, const Path& path) { return call + "(\"" + path.u8string() + "\") failed"; }
 
 } // namespace agent::io

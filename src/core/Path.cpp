@@ -21,7 +21,7 @@ Path& Path::concat(std::string s)
 {
     if (s.empty()) return *this;
     if (m_path.ends_with('/') && s.starts_with('/')) m_path.pop_back();
-    m_path += s;
+    m_path.empty() ? m_path = std::move(s) : m_path += s;
     if (m_path.ends_with('/') && m_path != "/") m_path.pop_back();
     return *this;
 }

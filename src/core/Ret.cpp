@@ -11,14 +11,14 @@ Ret::Logger Ret::logger;
 
 Ret::Ret() = default;
 
-Ret::Ret(int newCode, const std::string& text)
-    : Ret(newCode == 0 ? -1 : newCode, text, false)
+Ret::Ret(int errorCode, const std::string& text)
+    : Ret(errorCode == 0 ? -1 : errorCode, text, false)
 {
     log();
 }
 
-Ret::Ret(int newCode, const std::string& text, bool alreadyLogged)
-    : code(newCode)
+Ret::Ret(int anyCode, const std::string& text, bool alreadyLogged)
+    : code(anyCode)
     , message(text)
     , logged(alreadyLogged)
 {
@@ -64,8 +64,8 @@ void Ret::throw_on_error(Ret&& r)
     throw agent::PosixError(r.detail.empty() ? r.message : r.detail, r.code);
 }
 
-RetNoLog::RetNoLog(int newCode, const std::string& text)
-    : Ret(newCode, text, true)
+RetNoLog::RetNoLog(int anyCode, const std::string& text)
+    : Ret(anyCode, text, true)
 {
 }
 

@@ -21,10 +21,8 @@ std::string_view trimBlanks(std::string_view text)
 void appendUnpaddedHex(std::string& text, std::uint32_t value)
 {
     int digits = 1;
-    while (digits < 8 && value >> (4 * digits) != 0)
-        ++digits;
-    while (digits-- > 0)
-        text += ascii::kHexDigits[value >> (4 * digits) & 0xF];
+    while (digits < 8 && value >> (4 * digits) != 0) ++digits;
+    while (digits-- > 0) text += ascii::kHexDigits[value >> (4 * digits) & 0xF];
 }
 
 // --- UTF-8 ---------------------------------------------------------------------------------------------
@@ -40,8 +38,7 @@ struct Form {
     unsigned char lead;
     char32_t smallest; // shorter forms exist for what is below
 };
-constexpr std::array<Form, 4> kForms{
-    {{0x80, 0x00, 0}, {0xE0, 0xC0, 0x80}, {0xF0, 0xE0, 0x800}, {0xF8, 0xF0, 0x10000}}};
+constexpr std::array<Form, 4> kForms{{{0x80, 0x00, 0}, {0xE0, 0xC0, 0x80}, {0xF0, 0xE0, 0x800}, {0xF8, 0xF0, 0x10000}}};
 
 void appendUtf8(std::string& text, char32_t c)
 {
@@ -51,8 +48,7 @@ void appendUtf8(std::string& text, char32_t c)
     }
     if (!isCharacter(c)) c = kReplacement;
     std::size_t length = kForms.size();
-    while (c < kForms[length - 1].smallest)
-        --length;
+    while (c < kForms[length - 1].smallest) --length;
     auto shift = 6 * (length - 1);
     text += static_cast<char>(kForms[length - 1].lead | c >> shift);
     while (shift != 0) {
@@ -96,8 +92,8 @@ bool StringUtils::StartsWith(const std::string& s, const std::string& prefix) { 
 
 bool StringUtils::IEqual(const std::string& a, const std::string& b)
 {
-    return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-        [](char x, char y) { return ascii::toLower(x) == ascii::toLower(y); });
+    return std::equal(
+        a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) { return ascii::toLower(x) == ascii::toLower(y); });
 }
 
 bool StringUtils::isUuid(const std::string& s)
@@ -144,7 +140,8 @@ std::string StringUtils::string_to_hex(const std::string& s)
 {
     std::string text;
     for (const char c : s) {
-        const auto value = static_cast<std::uint32_t>(static_cast<signed char>(c)); // sign-extended
+        const auto byte = static_cast<unsigned char>(c);
+        const std::uint32_t value = byte < 0x80 ? byte : 0xFFFFFF00U | byte; // sign-extended
         if (text.empty() && value < 0x10) text += '0';
         appendUnpaddedHex(text, value);
     }
@@ -179,8 +176,7 @@ std::string StringUtils::WStrToStr(const std::wstring& s)
 {
     std::string text;
     text.reserve(s.size());
-    for (const wchar_t c : s)
-        appendUtf8(text, static_cast<char32_t>(c));
+    for (const wchar_t c : s) appendUtf8(text, static_cast<char32_t>(c));
     return text;
 }
 
@@ -188,8 +184,7 @@ std::wstring StringUtils::StrToWStr(const std::string& s)
 {
     std::wstring text;
     text.reserve(s.size());
-    for (std::string_view rest = s; !rest.empty();)
-        text += static_cast<wchar_t>(takeCharacter(rest));
+    for (std::string_view rest = s; !rest.empty();) text += static_cast<wchar_t>(takeCharacter(rest));
     return text;
 }
 

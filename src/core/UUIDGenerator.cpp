@@ -19,7 +19,7 @@ void UUIDGenerator::generate(std::string& out)
     out = text.data();
 }
 
-std::string UUIDGenerator::empty() { return std::string(2 * sizeof(uuid_t), '0'); }
+std::string UUIDGenerator::empty() { return convert(uuid_t{}); }
 
 std::string UUIDGenerator::convert(const unsigned char* bytes)
 {

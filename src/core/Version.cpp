@@ -28,7 +28,7 @@ std::uint32_t takeNumber(std::string& rest, const std::string& whole)
 
 } // namespace
 
-Version Version::parse(std::string text)
+Version Version::parse(std::string text) // NOLINT(performance-unnecessary-value-param): the interface
 {
     std::string rest = text;
     Version version;

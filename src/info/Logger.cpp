@@ -39,7 +39,7 @@ Logger::Entry::Entry(Logger& logger, Level level)
     useClassicLocale(*this);
 }
 
-Logger::Entry::Entry(Entry&& other)
+Logger::Entry::Entry(Entry&& other) // NOLINT(performance-noexcept-move-constructor): makes a new stream
     : m_logger(other.m_logger)
     , m_level(kUnknownLevel)
 {

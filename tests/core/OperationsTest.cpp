@@ -180,7 +180,7 @@ TEST_F(Operations, CopyKeepsContentAndModeAndRefusesWhatWouldLoseData)
     EXPECT_EQ(contentOf(dir / "to"), "s");
     EXPECT_EQ(file::size(from), 1'000'000U);
     EXPECT_TRUE(holdsInAChild([&] { // a disk that is full, for which the file size limit stands in
-        ::signal(SIGXFSZ, SIG_IGN);
+        (void)::signal(SIGXFSZ, SIG_IGN);
         const rlimit limit{600'000, 600'000};
         ::setrlimit(RLIMIT_FSIZE, &limit);
         refuses(from, dir / "half", EFBIG, false);
@@ -193,9 +193,10 @@ TEST_F(Operations, MakeCreatesWhatIsMissing)
     const Path deep = Path(dir / "a") / "b";
     const std::string begin = "dir::make(" + q(deep) + ")";
     expectFailure(begin + ", mkdir(" + q(deep) + ") failed", ENOENT, [&] { dir::make(deep, false); });
-    std::vector<std::thread> rivals;
-    for (int i = 0; i < 4; ++i) rivals.emplace_back([&] { EXPECT_NO_THROW(dir::make(deep / "c/d/e/f", true)); });
-    for (auto& thread : rivals) thread.join();
+    for (int i = 0; i < 20; ++i) {
+        const auto makeDeeper = [&] { EXPECT_NO_THROW(dir::make(deep / std::to_string(i) / "d/e/f", true)); };
+        const std::jthread rivals[] = {std::jthread(makeDeeper), std::jthread(makeDeeper)};
+    }
     dir::make(deep, false); // exists: success
     EXPECT_EQ(modeOf(deep.u8string()), 0755U);
 

@@ -52,7 +52,7 @@ TEST(ScopeExit, ExceptionsInFlightBeforeTheScopeDoNotCount)
     };
     Texts events;
     try {
-        const LeavesAScope object{events};
+        [[maybe_unused]] const LeavesAScope object{events};
         throw std::logic_error("outer");
     } catch (const std::logic_error&) {
         EXPECT_EQ(events, (Texts{"hook action", "caught action"}));

@@ -34,8 +34,8 @@ public:
     Ret();
 
     /// An error, reported at once.
-    /// @param code  a code of 0 is stored as -1, so that this never makes a success
-    Ret(int code, const std::string& message);
+    /// @param errorCode  0 is stored as -1, so that this never makes a success
+    Ret(int errorCode, const std::string& text);
 
     Ret(const Ret& other);
     Ret& operator=(const Ret& other);
@@ -63,14 +63,14 @@ public:
 
 protected:
     /// For derived results that are not reported.
-    Ret(int code, const std::string& message, bool alreadyLogged);
+    Ret(int anyCode, const std::string& text, bool alreadyLogged);
 };
 
 /// An error that its producer has already reported in its own words: neither it nor a copy of it is ever
 /// logged. The code is stored unchanged, 0 included.
 class AGENTKIT_API RetNoLog : public Ret {
 public:
-    RetNoLog(int code, const std::string& message);
+    RetNoLog(int anyCode, const std::string& text);
 };
 
 } // namespace vnt::common

@@ -61,8 +61,5 @@ AGENTKIT_API Path operator+(Path left, const char* right);
 
 template <>
 struct std::hash<agent::Path> {
-    std::size_t operator()(const agent::Path& path) const noexcept
-    {
-        return std::hash<std::string>()(path.u8string());
-    }
+    std::size_t operator()(const agent::Path& path) const noexcept { return std::hash<std::string>()(path.u8string()); }
 };

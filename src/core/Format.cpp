@@ -32,7 +32,7 @@ std::string withoutTrailingZeros(double value, int precision)
     const char* const end =
         std::to_chars(buffer.data(), buffer.data() + buffer.size(), value, std::chars_format::fixed, digits).ptr;
 
-    std::string text(buffer.data(), end);
+    std::string text(buffer.data(), static_cast<std::size_t>(end - buffer.data()));
     if (text.find('.') == std::string::npos) return text;
     text.erase(text.find_last_not_of('0') + 1);
     if (text.ends_with('.')) text.pop_back();

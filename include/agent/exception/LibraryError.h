@@ -41,8 +41,8 @@ public:
     /// @param message      what was tried; may be empty
     /// @param toText       the library's code-to-text function
     /// @throws std::bad_function_call  if `toText` is empty
-    generic_library_error(const std::string& libraryName, const std::string& message, T code,
-        std::function<std::string(T)> toText)
+    generic_library_error(
+        const std::string& libraryName, const std::string& message, T code, std::function<std::string(T)> toText)
         : library_error(format(libraryName, message, code, toText))
         , m_code(code)
         , m_toText(std::move(toText))
@@ -60,8 +60,8 @@ public:
     /// The text that an error made from these arguments has as its `what()`. An empty text for the code
     /// shows as "Unknown error".
     /// @throws std::bad_function_call  if `toText` is empty
-    static std::string format(const std::string& libraryName, const std::string& message, T code,
-        std::function<std::string(T)> toText)
+    static std::string format(
+        const std::string& libraryName, const std::string& message, T code, std::function<std::string(T)> toText)
     {
         return detail::composeErrorText(libraryName, message, toText(code), static_cast<int>(code));
     }

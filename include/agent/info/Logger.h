@@ -31,8 +31,7 @@ public:
         DEBUG = 4,
     };
 
-    using Printer =
-        std::function<void(std::string message, Level level, std::chrono::system_clock::time_point when)>;
+    using Printer = std::function<void(std::string message, Level level, std::chrono::system_clock::time_point when)>;
 
     class Entry;
 

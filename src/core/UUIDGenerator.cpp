@@ -19,7 +19,11 @@ void UUIDGenerator::generate(std::string& out)
     out = text.data();
 }
 
-std::string UUIDGenerator::empty() { return convert(uuid_t{}); }
+std::string UUIDGenerator::empty()
+{
+    const uuid_t zeros{};
+    return convert(zeros);
+}
 
 std::string UUIDGenerator::convert(const unsigned char* bytes)
 {

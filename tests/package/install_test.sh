@@ -29,7 +29,7 @@ expect() {
     }
 }
 
-cmake -S "$work/program" -B "$work/build" -DCMAKE_CXX_COMPILER="$compiler" \
+cmake -G Ninja -S "$work/program" -B "$work/build" -DCMAKE_CXX_COMPILER="$compiler" \
     -DCMAKE_PREFIX_PATH="$work/prefix" -DWANTED_VERSION="${version%.*}" >/dev/null
 cmake --build "$work/build" >/dev/null
 expect "$work/build/foreign"

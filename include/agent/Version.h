@@ -18,9 +18,8 @@ struct AGENTKIT_API Version {
     friend auto operator<=>(const Version&, const Version&) = default;
 
     /// Parses up to four decimal numbers with '.' between them. An empty text is 0.0.0.0.
-    /// @throws std::runtime_error     "Bad version string: " and the text: a sign, a blank, any other
-    /// character, a
-    ///                                dot at the end, a fifth number, a number beyond 32 bits
+    /// @throws std::runtime_error     "Bad version string: " and the text: for a sign, a blank or any other
+    ///                                character, a dot at the end, a fifth number, a number beyond 32 bits
     /// @throws std::invalid_argument  where a number has no digits
     /// @throws std::out_of_range      for a number beyond 64 bits
     static Version parse(std::string text);

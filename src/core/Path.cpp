@@ -42,16 +42,16 @@ Path Path::filePath() const
 
 std::string Path::fileName() const { return m_path.substr(m_path.rfind('/') + 1); } // npos + 1 is 0
 
-Path operator/(Path left, const Path& right) { return left.append(right.u8string()); }
+Path operator/(Path left, const Path& right) { return std::move(left.append(right.u8string())); }
 
-Path operator/(Path left, const std::string& right) { return left.append(right); }
+Path operator/(Path left, const std::string& right) { return std::move(left.append(right)); }
 
-Path operator/(Path left, const char* right) { return left.append(right); }
+Path operator/(Path left, const char* right) { return std::move(left.append(right)); }
 
-Path operator+(Path left, const Path& right) { return left.concat(right.u8string()); }
+Path operator+(Path left, const Path& right) { return std::move(left.concat(right.u8string())); }
 
-Path operator+(Path left, const std::string& right) { return left.concat(right); }
+Path operator+(Path left, const std::string& right) { return std::move(left.concat(right)); }
 
-Path operator+(Path left, const char* right) { return left.concat(right); }
+Path operator+(Path left, const char* right) { return std::move(left.concat(right)); }
 
 } // namespace agent

@@ -22,7 +22,7 @@ namespace agent::dir {
 
 namespace {
 
-std::string quoted(const Path& path) { return "\"" + path.u8string() + "\""; }
+using io::quoted;
 
 // --- making --------------------------------------------------------------------------------------------
 
@@ -46,16 +46,21 @@ void makeWithParents(const Path& whole, const Path& p, bool recursive)
     }
     if (error == 0) return;
     const std::string begin = "dir::make(" + quoted(whole) + ")";
-    if (error == EEXIST) {
-        throw PosixError(
-            "dir::make(" + quoted(whole) + "): " + quoted(p) + " already exists and is not a directory", ENOTDIR);
-    }
+    if (error == EEXIST) throw PosixError(begin + ": " + quoted(p) + " already exists and is not a directory", ENOTDIR);
     throw PosixError(begin + ", mkdir(" + quoted(p) + ") failed", error);
 }
 
 // --- walking -------------------------------------------------------------------------------------------
 
-using FileId = std::pair<dev_t, ino_t>;
+using FileId = std::pair<dev_t, ino_t>; // inode numbers alone repeat across file systems
+
+/// Zeros, which no file has, where it cannot be asked.
+FileId idOf(const Path& p)
+{
+    struct stat64 status {};
+    if (::stat64(p.u8string().c_str(), &status) != 0) return {};
+    return {status.st_dev, status.st_ino};
+}
 
 /// Walks a tree without recursion and with one open directory at a time.
 class Walk {
@@ -72,9 +77,8 @@ public:
         while (!m_pending.empty()) {
             const Path directory = std::move(m_pending.front());
             m_pending.pop_front();
-            const auto status = io::statOf(directory);
-            if (!m_visited.emplace(status.st_dev, status.st_ino).second) continue;
-            for (const std::string& name : list(directory)) visit(directory / name);
+            if (!m_visited.insert(idOf(directory)).second) continue;
+            for (const std::string& name : list(directory)) visit(directory / name); // throws where there is no id
         }
     }
 
@@ -82,21 +86,20 @@ private:
     void visit(const Path& entry)
     {
         if (m_predicate(entry)) m_found.insert(entry);
-        if (!isDirectory(entry)) return;
         struct stat64 status {};
-        const bool isLink = ::lstat64(entry.u8string().c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+        if (::lstat64(entry.u8string().c_str(), &status) != 0) return; // gone meanwhile
         // Links wait until all else is done, so that what can be reached without them shows under its own name.
-        if (isLink) {
-            m_pending.push_back(entry);
-        } else {
+        if (S_ISDIR(status.st_mode)) {
             m_pending.push_front(entry);
+        } else if (S_ISLNK(status.st_mode) && isDirectory(entry)) {
+            m_pending.push_back(entry);
         }
     }
 
     std::unordered_set<Path>& m_found;
     const std::function<bool(const Path&)>& m_predicate;
     std::deque<Path> m_pending;
-    std::set<FileId> m_visited; // inode numbers alone repeat across file systems
+    std::set<FileId> m_visited;
 };
 
 // --- copying -------------------------------------------------------------------------------------------
@@ -106,15 +109,17 @@ std::string copyFailed(const Path& from, const Path& to)
     return "Copying " + quoted(from) + " -> " + quoted(to) + " failed";
 }
 
-// A tree copied into itself would never end.
-void refuseTargetInside(const Path& from, const Path& to)
+/// Climbs from the target to the root by "..", which sees through links and relative names on either side.
+bool liesInside(const Path& from, const Path& to)
 {
-    std::error_code ignored;
-    const auto source = std::filesystem::weakly_canonical(from.u8string(), ignored).string() + "/";
-    const auto target = std::filesystem::weakly_canonical(to.u8string(), ignored).string() + "/";
-    if (target.starts_with(source)) {
-        throw PosixError(copyFailed(from, to) + " - destination lies inside the source", EINVAL);
+    const FileId source = idOf(from);
+    const Path parent = to.filePath();
+    Path place = isDirectory(to) ? to : parent.u8string().empty() ? Path(".") : parent;
+    for (FileId id = idOf(place); id != source; id = idOf(place)) {
+        place = place / "..";
+        if (idOf(place) == id) return false; // the root, or a place that cannot be asked
     }
+    return true;
 }
 
 void copyTree(const Path& from, const Path& to)
@@ -208,7 +213,8 @@ std::function<bool(const Path&)> inclusionPredicate(bool everything)
 void copy(const Path& from, const Path& to)
 {
     if (!isDirectory(from)) throw PosixError(copyFailed(from, to) + " - not copying non-directory", ENOTDIR);
-    refuseTargetInside(from, to);
+    // A tree copied into itself would never end.
+    if (liesInside(from, to)) throw PosixError(copyFailed(from, to) + " - destination lies inside the source", EINVAL);
     copyTree(from, to);
 }
 

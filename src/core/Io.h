@@ -20,8 +20,7 @@ template <typename Call>
 auto retry(Call call)
 {
     auto result = call();
-    while (result == -1 && errno == EINTR)
-        result = call();
+    while (result == -1 && errno == EINTR) result = call();
     return result;
 }
 
@@ -39,6 +38,9 @@ bool close(UniqueFd fd);
 
 /// @throws PosixError  "stat64(\"" + path + "\") failed"
 struct stat64 statOf(const Path& path);
+
+/// The path in double quotes, as messages show it.
+std::string quoted(const Path& path);
 
 /// "name(\"path\") failed", the text of a failed system call.
 std::string failed(const std::string& call, const Path& path);

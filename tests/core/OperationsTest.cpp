@@ -107,6 +107,8 @@ TEST_F(Operations, NameTheCallAndThePathInTheirFailures)
     expectFailure("ftruncate(" + q(file) + ") failed", EINVAL, [&] { file::truncate(file, 1UL << 63); });
     expectFailure("Could not create a temporary file", ENOENT, [&] { file::getTempFile(none, "x"); });
     expectFailure("opendir(" + q(none) + ") failed", ENOENT, [&] { dir::list(none); });
+    std::unordered_set<Path> found;
+    expectFailure("opendir(" + q(none) + ") failed", ENOENT, [&] { dir::listFullPathRecursive(none, found, true); });
     expectFailure("dir::remove (" + q(none) + ") failed", ENOENT, [&] { dir::remove(none); });
     expectFailure("Failed to remove " + q(file) + " - not a directory", ENOTDIR, [&] { dir::remove(file); });
     test::CapturingLogger log;
@@ -259,8 +261,21 @@ TEST_F(Operations, CopyTreeKeepsLinksModesAndWhatIsThere)
         expectFailure("Copying " + q(a) + " -> " + q(b) + " failed - " + why, code, [&] { dir::copy(a, b); });
     };
     refuses(dir / "copy/own", dir / "x", "not copying non-directory", ENOTDIR);
-    refuses(dir / "t", dir / "t/sub/new", "destination lies inside the source", EINVAL);
     EXPECT_NE(thrownBy([&] { dir::copy(dir / "t", dir / "copy"); }), "nothing"); // nothing is overwritten
+
+    file::symlink(dir / "t", dir / "link");
+    const auto refusesInside = [&](const Path& a, const Path& b) {
+        refuses(a, b, "destination lies inside the source", EINVAL); // a copy would never end
+    };
+    for (const std::string& inside : {dir / "t", dir / "t/sub/new", dir / "link/new"}) refusesInside(dir / "t", inside);
+    dir::copy(dir / "t", dir / "t2"); // begins with the same letters, lies beside it
+    EXPECT_TRUE(holdsInAChild([&] {
+        if (::chdir((dir / "t").c_str()) != 0) return false;
+        refusesInside(dir / "t", "new");
+        refusesInside(".", "sub/new");
+        if (::chroot(".") == 0) refusesInside("/", "/sub"); // as root only
+        return true;
+    }));
 }
 
 TEST_F(Operations, TempAndWorkingFollowTheProcess)

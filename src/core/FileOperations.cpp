@@ -9,17 +9,18 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <vector>
+#include <memory>
 
 namespace agent::file {
 
 namespace {
 
-std::string quoted(const Path& path) { return "\"" + path.u8string() + "\""; }
+using io::quoted;
 
 // --- copying -------------------------------------------------------------------------------------------
 
@@ -36,7 +37,7 @@ public:
     Copy& operator=(const Copy&) = delete;
     ~Copy()
     {
-        if (m_removeTarget) (void)::unlink(m_to.u8string().c_str()); // best effort: the error that led here counts
+        if (m_ownsTarget) (void)::unlink(m_to.u8string().c_str()); // best effort: the error that led here counts
     }
 
     void run(bool overwrite)
@@ -45,8 +46,9 @@ public:
         openSource();
         openTarget(overwrite);
         transfer();
+        if (m_ownsTarget) keepMode();
         if (!io::close(std::move(m_target))) fail(errno);
-        m_removeTarget = false;
+        m_ownsTarget = false;
     }
 
 private:
@@ -62,12 +64,13 @@ private:
 
     void openTarget(bool overwrite)
     {
-        m_target = io::open(m_to, O_WRONLY | O_CREAT | O_EXCL, m_sourceStatus.st_mode & 0777);
-        m_removeTarget = m_target.isOpen();
-        if (m_target.isOpen()) return;
+        constexpr int kCreate = O_WRONLY | O_CREAT | O_NONBLOCK; // nor is there a wait for a FIFO's reader
+        m_target = io::open(m_to, kCreate | O_EXCL, permissions());
+        m_ownsTarget = m_target.isOpen();
+        if (m_ownsTarget) return;
         if (errno != EEXIST) fail(errno);
         if (!overwrite) fail(EEXIST, " - dest file exists");
-        m_target = io::open(m_to, O_WRONLY | O_CREAT, m_sourceStatus.st_mode & 0777);
+        m_target = io::open(m_to, kCreate, permissions());
         if (!m_target.isOpen()) fail(errno);
         refuseSourceAsTarget(); // emptying it would destroy what is to be copied
         if (::ftruncate(m_target.get(), 0) != 0) fail(errno);
@@ -83,14 +86,20 @@ private:
     void transfer() const
     {
         constexpr std::size_t kBufferBytes = 256UL << 10;
-        std::vector<char> buffer(kBufferBytes);
+        // Not a vector, whose zeroing would touch all of it for the smallest file.
+        const auto buffer = std::make_unique_for_overwrite<char[]>(kBufferBytes);
         while (true) {
-            const ssize_t count = io::read(m_source.get(), buffer.data(), buffer.size());
+            const ssize_t count = io::read(m_source.get(), buffer.get(), kBufferBytes);
             if (count < 0) fail(errno);
             if (count == 0) return;
-            if (!io::writeAll(m_target.get(), buffer.data(), static_cast<std::size_t>(count))) fail(errno);
+            if (!io::writeAll(m_target.get(), buffer.get(), static_cast<std::size_t>(count))) fail(errno);
         }
     }
+
+    // Gives back what the umask took away. Some file systems keep no modes, which is no reason to fail.
+    void keepMode() const { (void)::fchmod(m_target.get(), permissions()); }
+
+    mode_t permissions() const { return m_sourceStatus.st_mode & 0777; }
 
     const Path& m_from;
     const Path& m_to;
@@ -98,7 +107,7 @@ private:
     UniqueFd m_source;
     UniqueFd m_target;
     struct stat64 m_sourceStatus {};
-    bool m_removeTarget = false;
+    bool m_ownsTarget = false; // created by this copy, which has not succeeded yet
 };
 
 // --- the rest ------------------------------------------------------------------------------------------
@@ -194,9 +203,11 @@ void truncate(const Path& p, unsigned long size)
 
 std::chrono::system_clock::time_point getModifiedTime(const Path& p)
 {
-    const timespec time = io::statOf(p).st_mtim;
-    return std::chrono::system_clock::time_point(
-        std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec));
+    using Clock = std::chrono::system_clock;
+    constexpr auto kLimit = std::chrono::floor<std::chrono::seconds>(Clock::duration::max()).count() - 1;
+    const timespec time = io::statOf(p).st_mtim; // file systems reach further than the clock
+    return Clock::time_point(
+        std::chrono::seconds(std::clamp(time.tv_sec, -kLimit, kLimit)) + std::chrono::nanoseconds(time.tv_nsec));
 }
 
 bool isHardlink(const Path& p)

@@ -6,6 +6,7 @@
 #include "agent/PosixError.h"
 #include "agent/file/Operations.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -77,6 +78,9 @@ TEST_F(Operations, AnswerQuestions)
     file::hardlink(file, dir / "second");
     EXPECT_TRUE(file::isHardlink(file) && file::findHardlinks(file).empty());
     EXPECT_FALSE(file::isReparsePoint(file) || dir::containsReparsePoint(dir.path()));
+    const timespec year2381[] = {{13'000'000'000, 0}, {13'000'000'000, 0}}; // beyond the clock: no wrap into the past
+    ASSERT_EQ(::utimensat(AT_FDCWD, file.c_str(), year2381, 0), 0);
+    EXPECT_GT(file::getModifiedTime(file), std::chrono::system_clock::now());
     const auto volume = dir::volumeData(file);
     EXPECT_TRUE(volume.totalBytes >= volume.freeBytes && volume.freeBytes >= volume.availableBytes);
     EXPECT_EQ(dir::root(), Path("/"));
@@ -162,11 +166,12 @@ TEST_F(Operations, RenameDuplicatePathFindsTheFirstFreeName)
 TEST_F(Operations, CopyKeepsContentAndModeAndRefusesWhatWouldLoseData)
 {
     const std::string from = dir.file("from", std::string(1'000'000, 'b'));
-    ASSERT_EQ(::chmod(from.c_str(), 0640), 0);
+    ASSERT_EQ(::chmod(from.c_str(), 0662), 0); // bits that the umask usually takes away
     file::copy(from, dir / "to", false);
     EXPECT_EQ(contentOf(dir / "to"), contentOf(from));
-    EXPECT_EQ(modeOf(dir / "to"), 0640U);
+    EXPECT_EQ(modeOf(dir / "to"), 0662U);
     file::copy(dir.file("small", "s"), dir / "to", true);
+    EXPECT_EQ(modeOf(dir / "to"), 0662U); // keeps its own
 
     file::symlink(from, dir / "link");
     ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
@@ -178,6 +183,7 @@ TEST_F(Operations, CopyKeepsContentAndModeAndRefusesWhatWouldLoseData)
     refuses(from, dir.path(), EISDIR, true, " - expected dest file name, not directory");
     refuses(dir / "none", dir / "to", ENOENT);
     refuses(dir / "fifo", dir / "to", EINVAL);
+    refuses(from, dir / "fifo", ENXIO); // no reader, and no wait for one
     refuses(dir.path(), dir / "to", EISDIR);
     refuses(from, dir / "link", EINVAL); // itself, by another name
     EXPECT_EQ(contentOf(dir / "to"), "s");

@@ -18,10 +18,9 @@ AGENTKIT_API bool exists(const Path& p);
 AGENTKIT_API unsigned long size(const Path& p);
 
 /// Removes a file, or an empty directory.
-/// @param makeWritable  open it for reading and writing first and give it the mode 660, written in decimal
-/// (octal
-///                      1224). Installed agents carry files of that mode, and checks for it exist: kept. If
-///                      that fails, nothing is removed.
+/// @param makeWritable  open it for reading and writing first and give it the mode 660, written in decimal:
+///                      octal 1224. Installed agents carry files of that mode, and checks for it exist: kept.
+///                      If that fails, nothing is removed.
 AGENTKIT_API void remove(const Path& p, bool makeWritable);
 
 AGENTKIT_API void rename(const Path& from, const Path& to);
@@ -37,6 +36,7 @@ AGENTKIT_API Path symlinkTarget(const Path& p);
 /// Cuts or extends the file to `size` bytes; a missing one is created with mode 0644.
 AGENTKIT_API void truncate(const Path& p, unsigned long size);
 
+/// To the nanosecond; times that the clock cannot hold (before 1677, after 2262) are cut to its limits.
 AGENTKIT_API std::chrono::system_clock::time_point getModifiedTime(const Path& p);
 
 /// Whether a file has further names; never true for a directory.
@@ -63,6 +63,7 @@ AGENTKIT_API Path renameDuplicatePath(const Path& p);
 ///
 /// The source is opened before the destination is touched, and a file is never copied onto itself. A
 /// destination that the copy created is removed if it fails; one that was overwritten is left as far as it got.
+/// The umask does not lessen the permission bits of a new file; an overwritten one keeps its own.
 /// @param overwrite  false: an existing destination is an error (EEXIST)
 AGENTKIT_API void copy(const Path& from, const Path& to, bool overwrite);
 

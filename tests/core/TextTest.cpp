@@ -8,7 +8,6 @@
 #include "agent/Version.h"
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -145,29 +144,19 @@ TEST(Version, ParsesUpToFourNumbersAndNamesTheWholeTextThatIsBad)
     EXPECT_EQ(test::thrownBy([] { Version::parse("99999999999999999999"); }), "logic: stoul");
 }
 
-TEST(UUIDGenerator, HasAFormWithDashesAndACompactOne)
+TEST(Process, MakesUuidsAndKnowsItsEnvironmentAndThreads)
 {
     UUIDGenerator generator;
     Texts made(2);
     for (auto& text : made) generator.generate(text);
-    EXPECT_NE(made[0], made[1]);
-    EXPECT_TRUE(made[0].size() == 36 && SU::isUuid(SU::replace(made[0], "-", ""))) << made[0];
-    EXPECT_EQ(generator.empty(), std::string(32, '0'));
+    EXPECT_TRUE(made[0] != made[1] && made[0].size() == 36 && SU::isUuid(SU::replace(made[0], "-", ""))) << made[0];
     const unsigned char bytes[16] = {0x01, 0xAB};
-    EXPECT_EQ(UUIDGenerator::convert(bytes), "01ab" + std::string(28, '0'));
-}
-
-TEST(Process, AnswersForTheEnvironmentAndForItsThreads)
-{
+    EXPECT_EQ(generator.empty() + UUIDGenerator::convert(bytes), std::string(32, '0') + "01ab" + std::string(28, '0'));
     ::setenv("AGENTKIT_TEST", "x=y", 1);
     EXPECT_EQ(Environment().getEnvironmentVariable("AGENTKIT_TEST"), "x=y");
     EXPECT_EQ(Environment().getEnvironmentVariable("AGENTKIT_TEST_UNSET"), "");
-    EXPECT_EQ(getThreadID(), ::getpid()); // the main thread
-    const pid_t child = ::fork();         // the id is not remembered
-    if (child == 0) ::_exit(getThreadID() == ::getpid() ? 0 : 1);
-    int status = -1;
-    ::waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(getThreadID(), ::getpid());                                                      // the main thread
+    EXPECT_EXIT(::_exit(getThreadID() == ::getpid() ? 7 : 1), testing::ExitedWithCode(7), ""); // after a fork, too
 }
 
 } // namespace

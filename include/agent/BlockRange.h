@@ -102,7 +102,6 @@ AGENTKIT_API bool isPowerOfTwo(unsigned long v);
 /// @param totalSize  bytes of the volume
 /// @param blockSize  bytes; 0 is a division by zero
 /// @throws std::runtime_error  if not even blocks of 2^31 bytes serve
-AGENTKIT_API unsigned long adjustBlockSizeSoBlockCountFitsInto32Bits(
-    unsigned long totalSize, unsigned long blockSize);
+AGENTKIT_API unsigned long adjustBlockSizeSoBlockCountFitsInto32Bits(unsigned long totalSize, unsigned long blockSize);
 
 } // namespace agent

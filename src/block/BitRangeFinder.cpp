@@ -236,8 +236,7 @@ std::vector<BlockRange> U64RangeFinder::findRanges(const void* map, unsigned lon
 
 BitRangeFinderFactory::~BitRangeFinderFactory() = default;
 
-std::unique_ptr<IRangeFinder> BitRangeFinderFactory::createBitRangeFinder(
-    BitRangeFinderType type, bool a, bool b) const
+std::unique_ptr<IRangeFinder> BitRangeFinderFactory::createBitRangeFinder(BitRangeFinderType type, bool a, bool b) const
 {
     switch (type) {
     case Bit:

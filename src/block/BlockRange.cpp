@@ -75,12 +75,11 @@ void logTo(std::ostream& os, const BlockRange& range, unsigned long blockSize)
     const unsigned long endByte = firstByte + byteCount;
 
     os << std::dec;
-    os << "Byte range: [" << firstByte << ", " << endByte << ") ([" << formatBytes(firstByte, kPrecision)
-       << ", " << formatBytes(endByte, kPrecision) << "))" << std::endl;
+    os << "Byte range: [" << firstByte << ", " << endByte << ") ([" << formatBytes(firstByte, kPrecision) << ", "
+       << formatBytes(endByte, kPrecision) << "))" << std::endl;
     os << "Byte count: " << byteCount << " (" << formatBytes(byteCount, kPrecision) << ')' << std::endl;
     os << "Block range: " << range << " (" << withBasePrefix << range << ')' << std::endl;
-    os << "Block count: " << std::dec << range.count() << " (" << withBasePrefix << range.count() << ')'
-       << std::endl;
+    os << "Block count: " << std::dec << range.count() << " (" << withBasePrefix << range.count() << ')' << std::endl;
 }
 
 BlockRange scaleBlockRangeFSLargerBlockSize(unsigned long ratio, const BlockRange& range, unsigned long offset)

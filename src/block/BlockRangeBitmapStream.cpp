@@ -34,8 +34,7 @@ void seekTo(std::ostream& stream, unsigned long position, const char* what)
 
     const std::streamoff actual = stream.tellp();
     if (actual == static_cast<std::streamoff>(position)) return;
-    throw std::runtime_error(
-        what + " Expected: "s + std::to_string(position) + " | Actual: " + std::to_string(actual));
+    throw std::runtime_error(what + " Expected: "s + std::to_string(position) + " | Actual: " + std::to_string(actual));
 }
 
 } // namespace
@@ -56,8 +55,7 @@ public:
         const unsigned long firstByte = range.start() / 8;
         if (firstByte < m_lastByte) throw std::runtime_error("Overlapping range not supported");
         if (firstByte > m_lastByte) m_kept = 0;
-        seekTo(
-            m_stream, m_offset + firstByte, "Failed to seek to offset to write block ranges in bitmap file.");
+        seekTo(m_stream, m_offset + firstByte, "Failed to seek to offset to write block ranges in bitmap file.");
 
         const unsigned long startBit = range.start() % 8;
         // Not (startBit + count + 7) / 8, which wraps for counts near 2^64.
@@ -75,8 +73,8 @@ private:
         for (unsigned long done = 0; done < bytes;) {
             if (done != 0) position = static_cast<unsigned long>(std::streamoff(m_stream.tellp()));
             if (position > m_lastAllowed) { // so is -1, of a stream that does not know where it is
-                throw std::logic_error("Cannot write byte past the max size of the bitmap. Stream Offset: " +
-                                       std::to_string(position));
+                throw std::logic_error(
+                    "Cannot write byte past the max size of the bitmap. Stream Offset: " + std::to_string(position));
             }
             const auto chunk = std::min({bytes - done, kMaxChunk, m_lastAllowed - position + 1});
             m_chunk.assign(chunk, '\xFF');
@@ -93,8 +91,7 @@ private:
     unsigned char firstByteOf(const BlockRange& range, unsigned long bytes)
     {
         const unsigned long startBit = range.start() % 8;
-        const unsigned long bits =
-            bytes == 1 ? ((0xFFUL >> range.count()) ^ 0xFFUL) >> startBit : 0xFFUL >> startBit;
+        const unsigned long bits = bytes == 1 ? ((0xFFUL >> range.count()) ^ 0xFFUL) >> startBit : 0xFFUL >> startBit;
         m_kept = static_cast<unsigned char>(m_kept | bits);
         return m_kept;
     }
@@ -106,10 +103,7 @@ private:
         return m_kept;
     }
 
-    char ordered(unsigned char byte) const
-    {
-        return static_cast<char>(m_msbFirst ? byte : detail::bitswapMap[byte]);
-    }
+    char ordered(unsigned char byte) const { return static_cast<char>(m_msbFirst ? byte : detail::bitswapMap[byte]); }
 
     std::ostream& m_stream;
     unsigned long m_offset;
@@ -120,8 +114,7 @@ private:
     std::vector<char> m_chunk;    // kept to be used again
 };
 
-BlockRangeBitmapStream::BlockRangeBitmapStream(
-    std::ostream& stream, unsigned long blockCount, unsigned long offset)
+BlockRangeBitmapStream::BlockRangeBitmapStream(std::ostream& stream, unsigned long blockCount, unsigned long offset)
     : m_stream(stream)
     , m_blockCount(blockCount)
     , m_offset(offset)

@@ -42,8 +42,7 @@ BufferChecksumGeneratorLibCRC32c::~BufferChecksumGeneratorLibCRC32c() = default;
 BufferChecksumGeneratorGCryptCRC32::~BufferChecksumGeneratorGCryptCRC32() = default;
 BufferChecksumGeneratorFactory::~BufferChecksumGeneratorFactory() = default;
 
-bool BufferChecksumGeneratorLibCRC32c::generateChecksum(
-    char* buffer, unsigned int length, unsigned int& checksum) const
+bool BufferChecksumGeneratorLibCRC32c::generateChecksum(char* buffer, unsigned int length, unsigned int& checksum) const
 {
     checksum = crc32c(0, buffer, length);
     return true;

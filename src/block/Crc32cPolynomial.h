@@ -13,10 +13,7 @@ constexpr std::uint32_t kCastagnoliReflected = 0x82F63B78;
 using Crc32cTable = std::array<std::uint32_t, 256>;
 
 /// The register times x, modulo the polynomial.
-constexpr std::uint32_t timesX(std::uint32_t crc)
-{
-    return (crc >> 1) ^ ((crc & 1U) != 0 ? kCastagnoliReflected : 0);
-}
+constexpr std::uint32_t timesX(std::uint32_t crc) { return (crc >> 1) ^ ((crc & 1U) != 0 ? kCastagnoliReflected : 0); }
 
 /// What a byte adds to the register when it is followed by `distance` more bytes of the step.
 constexpr Crc32cTable makeSliceTable(unsigned int distance)
@@ -68,8 +65,7 @@ private:
         std::array<Crc32cTable, 4> tables{};
         const std::uint32_t power = powerOfX(8 * Bytes);
         for (std::uint32_t place = 0; place < tables.size(); ++place) {
-            for (std::uint32_t byte = 0; byte < 256; ++byte)
-                tables[place][byte] = multiply(power, byte << (8 * place));
+            for (std::uint32_t byte = 0; byte < 256; ++byte) tables[place][byte] = multiply(power, byte << (8 * place));
         }
         return tables;
     }

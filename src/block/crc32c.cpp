@@ -55,14 +55,14 @@ unsigned long bytesToAlignment(const unsigned char* bytes, unsigned long length)
 
 std::uint32_t nearTables(std::uint32_t word)
 {
-    return crc_tableil8_o56[word & 0xFF] ^ crc_tableil8_o48[word >> 8 & 0xFF] ^
-           crc_tableil8_o40[word >> 16 & 0xFF] ^ crc_tableil8_o32[word >> 24];
+    return crc_tableil8_o56[word & 0xFF] ^ crc_tableil8_o48[word >> 8 & 0xFF] ^ crc_tableil8_o40[word >> 16 & 0xFF] ^
+           crc_tableil8_o32[word >> 24];
 }
 
 std::uint32_t farTables(std::uint32_t word)
 {
-    return crc_tableil8_o88[word & 0xFF] ^ crc_tableil8_o80[word >> 8 & 0xFF] ^
-           crc_tableil8_o72[word >> 16 & 0xFF] ^ crc_tableil8_o64[word >> 24];
+    return crc_tableil8_o88[word & 0xFF] ^ crc_tableil8_o80[word >> 8 & 0xFF] ^ crc_tableil8_o72[word >> 16 & 0xFF] ^
+           crc_tableil8_o64[word >> 24];
 }
 
 #if defined(__x86_64__)

@@ -40,7 +40,8 @@ TEST(ScopeExit, AFailureGoesOnUnlessAnotherExceptionLeavesTheScope)
     }
     std::string events; // exceptions in flight before the scope do not count
     try {
-        const auto guard = make_scope_exit([&] { events = leaveScope(false); });
+        const auto guard = make_scope_exit(
+            [&] { events = leaveScope(false); }); // NOLINT(clang-analyzer-deadcode.DeadStores): lives until the throw
         throw std::logic_error("outer");
     } catch (const std::logic_error&) {
         EXPECT_EQ(events, "hook action, caught action");

@@ -40,8 +40,8 @@ TEST(ScopeExit, AFailureGoesOnUnlessAnotherExceptionLeavesTheScope)
     }
     std::string events; // exceptions in flight before the scope do not count
     try {
-        const auto guard = make_scope_exit(
-            [&] { events = leaveScope(false); }); // NOLINT(clang-analyzer-deadcode.DeadStores): lives until the throw
+        // NOLINTNEXTLINE(clang-analyzer-deadcode.DeadStores): it lives until the throw
+        const auto guard = make_scope_exit([&] { events = leaveScope(false); });
         throw std::logic_error("outer");
     } catch (const std::logic_error&) {
         EXPECT_EQ(events, "hook action, caught action");

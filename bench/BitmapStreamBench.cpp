@@ -70,7 +70,10 @@ std::unique_ptr<std::ostream> makeFile()
     return file;
 }
 
-std::unique_ptr<std::ostream> makeStringStream() { return std::make_unique<std::stringstream>(); }
+std::unique_ptr<std::ostream> makeStringStream()
+{
+    return std::make_unique<std::stringstream>();
+}
 
 using Writer = void (*)(std::ostream&, const Ranges&);
 using MakeStream = std::unique_ptr<std::ostream> (*)();

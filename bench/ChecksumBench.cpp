@@ -18,8 +18,14 @@ namespace {
 using Buffer = std::vector<char>;
 using Routine = std::uint32_t (*)(Buffer&);
 
-std::uint32_t agentkitCrc32c(Buffer& data) { return crc32c(0, data.data(), data.size()); }
-std::uint32_t slicingBy8(Buffer& data) { return crc32c_slice_8(0, data.data(), data.size()); }
+std::uint32_t agentkitCrc32c(Buffer& data)
+{
+    return crc32c(0, data.data(), data.size());
+}
+std::uint32_t slicingBy8(Buffer& data)
+{
+    return crc32c_slice_8(0, data.data(), data.size());
+}
 std::uint32_t libisalCrc32c(Buffer& data)
 {
     return crc32_iscsi(reinterpret_cast<unsigned char*>(data.data()), static_cast<int>(data.size()), 0);

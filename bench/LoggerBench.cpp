@@ -14,7 +14,10 @@ namespace {
 
 using agent::info::Logger;
 
-void writeShort(std::ostream& stream, int i) { stream << "Volume " << i << " is ready"; }
+void writeShort(std::ostream& stream, int i)
+{
+    stream << "Volume " << i << " is ready";
+}
 
 void writeLong(std::ostream& stream, int i)
 {

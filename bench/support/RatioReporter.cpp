@@ -25,7 +25,10 @@ std::string duration(double nanoseconds)
     return format("%.1f ms", nanoseconds / 1e6);
 }
 
-void pad(std::string& line, std::size_t width) { line.resize(std::max(line.size(), width), ' '); }
+void pad(std::string& line, std::size_t width)
+{
+    line.resize(std::max(line.size(), width), ' ');
+}
 
 } // namespace
 
@@ -57,8 +60,8 @@ void RatioReporter::remember(const Run& run)
 
     if (!m_timings.contains(key)) m_order.push_back(key);
     auto& timings = m_timings[key];
-    const auto known = std::find_if(
-        timings.begin(), timings.end(), [&](const Timing& other) { return other.variant == variant; });
+    const auto known =
+        std::find_if(timings.begin(), timings.end(), [&](const Timing& other) { return other.variant == variant; });
     if (known == timings.end()) {
         timings.push_back(timing);
     } else if (nanoseconds < known->nanoseconds) {
@@ -70,15 +73,14 @@ void RatioReporter::Finalize()
 {
     ConsoleReporter::Finalize();
     GetOutputStream() << "\nRatios: time of the peer / time of agentkit (above 1: agentkit is faster)\n";
-    for (const Key& key : m_order)
-        printLine(key, m_timings.at(key));
+    for (const Key& key : m_order) printLine(key, m_timings.at(key));
     GetOutputStream().flush();
 }
 
 void RatioReporter::printLine(const Key& key, const std::vector<Timing>& timings) const
 {
-    const auto ours = std::find_if(
-        timings.begin(), timings.end(), [](const Timing& timing) { return timing.variant == kOurs; });
+    const auto ours =
+        std::find_if(timings.begin(), timings.end(), [](const Timing& timing) { return timing.variant == kOurs; });
     if (ours == timings.end()) return;
 
     std::string line = key.first + "/" + key.second;

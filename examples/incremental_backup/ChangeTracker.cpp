@@ -61,7 +61,10 @@ unsigned long BlockMap::bytesIn(const agent::BlockRange& range) const
     return toByte(range.end()) - toByte(range.start());
 }
 
-unsigned long BlockMap::blocksPerPiece() const { return std::max(kPieceBytes / m_blockSize, 1UL); }
+unsigned long BlockMap::blocksPerPiece() const
+{
+    return std::max(kPieceBytes / m_blockSize, 1UL);
+}
 
 std::set<agent::BlockRange> findChanges(
     const BlockMap& map, const ImageFile& previous, const ImageFile& current, const ImageFile* replica)

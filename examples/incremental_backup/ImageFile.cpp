@@ -40,7 +40,10 @@ ImageFile::ImageFile(const std::string& path, Access access)
     m_inode = status.st_ino;
 }
 
-ImageFile::~ImageFile() { (void)::close(m_fd); }
+ImageFile::~ImageFile()
+{
+    (void)::close(m_fd);
+}
 
 bool ImageFile::isSameFileAs(const ImageFile& other) const
 {

@@ -53,7 +53,10 @@ constexpr bool operator==(const BlockRange& a, const BlockRange& b)
 {
     return a.start() == b.start() && a.count() == b.count();
 }
-constexpr bool operator!=(const BlockRange& a, const BlockRange& b) { return !(a == b); }
+constexpr bool operator!=(const BlockRange& a, const BlockRange& b)
+{
+    return !(a == b);
+}
 
 /// By start; at equal starts the longer range sorts first: BlockRangeBitmapStream walks an ordered set and must
 /// meet it before the shorter one.
@@ -61,9 +64,18 @@ constexpr bool operator<(const BlockRange& a, const BlockRange& b)
 {
     return a.start() != b.start() ? a.start() < b.start() : a.count() > b.count();
 }
-constexpr bool operator>=(const BlockRange& a, const BlockRange& b) { return !(a < b); }
-constexpr bool operator>(const BlockRange& a, const BlockRange& b) { return !(a < b) && !(a == b); }
-constexpr bool operator<=(const BlockRange& a, const BlockRange& b) { return !(a > b); }
+constexpr bool operator>=(const BlockRange& a, const BlockRange& b)
+{
+    return !(a < b);
+}
+constexpr bool operator>(const BlockRange& a, const BlockRange& b)
+{
+    return !(a < b) && !(a == b);
+}
+constexpr bool operator<=(const BlockRange& a, const BlockRange& b)
+{
+    return !(a > b);
+}
 
 /// "[8, 12)": start and end in the stream's base, never with the digit grouping of its locale.
 AGENTKIT_API std::ostream& operator<<(std::ostream& os, const BlockRange& range);

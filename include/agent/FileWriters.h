@@ -20,8 +20,7 @@ AGENTKIT_API void truncateAndWrite(info::Logger& logger, const Path& path, const
 /// @param size        of the part in bytes, cut at the end of the data
 /// @param terminator  written after the part, unless it is '\0'
 /// @throws PosixError  the same texts
-AGENTKIT_API void BufferToFile(const Path& path, const std::string& data, const char* mode,
-    unsigned int offset = 0, unsigned int size = std::numeric_limits<unsigned int>::max(),
-    char terminator = '\0');
+AGENTKIT_API void BufferToFile(const Path& path, const std::string& data, const char* mode, unsigned int offset = 0,
+    unsigned int size = std::numeric_limits<unsigned int>::max(), char terminator = '\0');
 
 } // namespace agent

@@ -55,7 +55,10 @@ private:
     std::ios_base::fmtflags m_saved;
 };
 
-std::ostream& withBasePrefix(std::ostream& os) { return os << std::hex << std::showbase; }
+std::ostream& withBasePrefix(std::ostream& os)
+{
+    return os << std::hex << std::showbase;
+}
 
 } // namespace
 
@@ -104,7 +107,10 @@ unsigned int roundUpNextHighestPowerOfTwo(unsigned int v)
     return x + 1;
 }
 
-bool isPowerOfTwo(unsigned long v) { return v != 0 && (v & (v - 1)) == 0; }
+bool isPowerOfTwo(unsigned long v)
+{
+    return v != 0 && (v & (v - 1)) == 0;
+}
 
 unsigned long adjustBlockSizeSoBlockCountFitsInto32Bits(unsigned long totalSize, unsigned long blockSize)
 {

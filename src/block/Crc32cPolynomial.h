@@ -13,7 +13,10 @@ constexpr std::uint32_t kCastagnoliReflected = 0x82F63B78;
 using Crc32cTable = std::array<std::uint32_t, 256>;
 
 /// The register times x, modulo the polynomial.
-constexpr std::uint32_t timesX(std::uint32_t crc) { return (crc >> 1) ^ ((crc & 1U) != 0 ? kCastagnoliReflected : 0); }
+constexpr std::uint32_t timesX(std::uint32_t crc)
+{
+    return (crc >> 1) ^ ((crc & 1U) != 0 ? kCastagnoliReflected : 0);
+}
 
 /// What a byte adds to the register when it is followed by `distance` more bytes of the step.
 constexpr Crc32cTable makeSliceTable(unsigned int distance)

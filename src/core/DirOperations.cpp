@@ -224,7 +224,10 @@ bool isDirectory(const Path& p)
     return ::stat64(p.u8string().c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-unsigned long getInode(const Path& p) { return io::statOf(p).st_ino; }
+unsigned long getInode(const Path& p)
+{
+    return io::statOf(p).st_ino;
+}
 
 bool containsReparsePoint(const Path& p)
 {
@@ -261,7 +264,10 @@ Path working()
     return {current.string()};
 }
 
-Path root() { return {"/"}; }
+Path root()
+{
+    return {"/"};
+}
 
 Path installationDir()
 {

@@ -131,7 +131,10 @@ void openWithMode660(const Path& p)
     throw PosixError("symlink(" + quoted(target) + " -> " + quoted(link) + ") failed", error);
 }
 
-bool isTaken(const Path& p) { return exists(p) || dir::isDirectory(p); }
+bool isTaken(const Path& p)
+{
+    return exists(p) || dir::isDirectory(p);
+}
 
 } // namespace
 
@@ -141,7 +144,10 @@ bool exists(const Path& p)
     return ::stat64(p.u8string().c_str(), &status) == 0 && !S_ISDIR(status.st_mode);
 }
 
-unsigned long size(const Path& p) { return static_cast<unsigned long>(io::statOf(p).st_size); }
+unsigned long size(const Path& p)
+{
+    return static_cast<unsigned long>(io::statOf(p).st_size);
+}
 
 void remove(const Path& p, bool makeWritable)
 {
@@ -239,7 +245,10 @@ Path getTempFile(const Path& dir, const std::string& prefix)
     return {name};
 }
 
-Path getTempFile(const std::string& prefix) { return getTempFile(dir::temp(), prefix); }
+Path getTempFile(const std::string& prefix)
+{
+    return getTempFile(dir::temp(), prefix);
+}
 
 Path renameDuplicatePath(const Path& p)
 {
@@ -260,6 +269,9 @@ Path renameDuplicatePath(const Path& p)
     }
 }
 
-void copy(const Path& from, const Path& to, bool overwrite) { Copy(from, to).run(overwrite); }
+void copy(const Path& from, const Path& to, bool overwrite)
+{
+    Copy(from, to).run(overwrite);
+}
 
 } // namespace agent::file

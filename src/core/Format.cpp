@@ -83,9 +83,15 @@ std::string dumpRow(std::string_view bytes, unsigned long offset, unsigned int m
 
 } // namespace
 
-std::string formatBytes(unsigned long value, int precision) { return formatCount(value, precision, kBytes); }
+std::string formatBytes(unsigned long value, int precision)
+{
+    return formatCount(value, precision, kBytes);
+}
 
-std::string formatBits(unsigned long value, int precision) { return formatCount(value, precision, kBits); }
+std::string formatBits(unsigned long value, int precision)
+{
+    return formatCount(value, precision, kBits);
+}
 
 std::string format_utc(std::chrono::system_clock::time_point when, const char* format)
 {

@@ -45,8 +45,14 @@ struct stat64 statOf(const Path& path)
     return status;
 }
 
-std::string quoted(const Path& path) { return "\"" + path.u8string() + "\""; }
+std::string quoted(const Path& path)
+{
+    return "\"" + path.u8string() + "\"";
+}
 
-std::string failed(const std::string& call, const Path& path) { return call + "(" + quoted(path) + ") failed"; }
+std::string failed(const std::string& call, const Path& path)
+{
+    return call + "(" + quoted(path) + ") failed";
+}
 
 } // namespace agent::io

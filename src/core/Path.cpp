@@ -6,16 +6,25 @@
 
 namespace agent {
 
-Path::Path(std::string path) { concat(std::move(path)); }
+Path::Path(std::string path)
+{
+    concat(std::move(path));
+}
 
 Path::Path(const char* path)
     : Path(std::string(path))
 {
 }
 
-Path Path::convert(std::string path) { return {std::move(path)}; }
+Path Path::convert(std::string path)
+{
+    return {std::move(path)};
+}
 
-Path Path::convert(const std::wstring& path) { return {StringUtils::WStrToStr(path)}; }
+Path Path::convert(const std::wstring& path)
+{
+    return {StringUtils::WStrToStr(path)};
+}
 
 Path& Path::concat(std::string s)
 {
@@ -40,18 +49,39 @@ Path Path::filePath() const
     return {slash == 0 ? "/" : m_path.substr(0, slash)};
 }
 
-std::string Path::fileName() const { return m_path.substr(m_path.rfind('/') + 1); } // npos + 1 is 0
+std::string Path::fileName() const
+{
+    return m_path.substr(m_path.rfind('/') + 1);
+} // npos + 1 is 0
 
-Path operator/(Path left, const Path& right) { return std::move(left.append(right.u8string())); }
+Path operator/(Path left, const Path& right)
+{
+    return std::move(left.append(right.u8string()));
+}
 
-Path operator/(Path left, const std::string& right) { return std::move(left.append(right)); }
+Path operator/(Path left, const std::string& right)
+{
+    return std::move(left.append(right));
+}
 
-Path operator/(Path left, const char* right) { return std::move(left.append(right)); }
+Path operator/(Path left, const char* right)
+{
+    return std::move(left.append(right));
+}
 
-Path operator+(Path left, const Path& right) { return std::move(left.concat(right.u8string())); }
+Path operator+(Path left, const Path& right)
+{
+    return std::move(left.concat(right.u8string()));
+}
 
-Path operator+(Path left, const std::string& right) { return std::move(left.concat(right)); }
+Path operator+(Path left, const std::string& right)
+{
+    return std::move(left.concat(right));
+}
 
-Path operator+(Path left, const char* right) { return std::move(left.concat(right)); }
+Path operator+(Path left, const char* right)
+{
+    return std::move(left.concat(right));
+}
 
 } // namespace agent

@@ -56,7 +56,10 @@ void Ret::log()
     }
 }
 
-void Ret::set_logger(Logger newLogger) { logger = std::move(newLogger); }
+void Ret::set_logger(Logger newLogger)
+{
+    logger = std::move(newLogger);
+}
 
 void Ret::throw_on_error(Ret&& r)
 {

@@ -30,8 +30,14 @@ void appendUnpaddedHex(std::string& text, std::uint32_t value)
 constexpr char32_t kReplacement = 0xFFFD;
 constexpr char32_t kRawByte = 0xDC00; // U+DC80 to U+DCFF stand for bytes that are no UTF-8
 
-bool isRawByte(char32_t c) { return c >= kRawByte + 0x80 && c <= kRawByte + 0xFF; }
-bool isCharacter(char32_t c) { return c <= 0x10FFFF && !(c >= 0xD800 && c <= 0xDFFF); }
+bool isRawByte(char32_t c)
+{
+    return c >= kRawByte + 0x80 && c <= kRawByte + 0xFF;
+}
+bool isCharacter(char32_t c)
+{
+    return c <= 0x10FFFF && !(c >= 0xD800 && c <= 0xDFFF);
+}
 
 struct Form {
     unsigned char leadMask;
@@ -86,9 +92,15 @@ bool StringUtils::boolify(const std::string& s)
     return !s.empty() && std::string_view("yYtT1").find(s.front()) != std::string_view::npos;
 }
 
-std::string StringUtils::alphabool(bool b) { return b ? "11" : "10"; }
+std::string StringUtils::alphabool(bool b)
+{
+    return b ? "11" : "10";
+}
 
-bool StringUtils::StartsWith(const std::string& s, const std::string& prefix) { return s.starts_with(prefix); }
+bool StringUtils::StartsWith(const std::string& s, const std::string& prefix)
+{
+    return s.starts_with(prefix);
+}
 
 bool StringUtils::IEqual(const std::string& a, const std::string& b)
 {

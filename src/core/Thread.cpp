@@ -4,7 +4,10 @@
 
 namespace agent {
 
-long getThreadID() { return ::gettid(); }
+long getThreadID()
+{
+    return ::gettid();
+}
 
 void SetThreadName(long /*thread*/, const char* /*name*/) {}
 

@@ -21,7 +21,10 @@ const Ranges g_foundBeforeMain = [] {
     return BitRangeFinder(true, false).findRanges(map, 16);
 }();
 
-TEST(BitRangeFinder, IsReadyBeforeMain) { EXPECT_EQ(g_foundBeforeMain, (Ranges{{1, 3}, {5, 2}, {8, 8}})); }
+TEST(BitRangeFinder, IsReadyBeforeMain)
+{
+    EXPECT_EQ(g_foundBeforeMain, (Ranges{{1, 3}, {5, 2}, {8, 8}}));
+}
 
 // What is found in maps of all sizes and kinds is compared with a walk bit by bit in fuzz/BitmapFuzz.cpp, which
 // runs with the tests.

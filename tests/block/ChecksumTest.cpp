@@ -14,7 +14,10 @@ extern "C" std::uint32_t checksumFromC(const char* text, unsigned long length); 
 namespace agent {
 namespace {
 
-bool hasInstruction() { return static_cast<bool>(__builtin_cpu_supports("sse4.2")); }
+bool hasInstruction()
+{
+    return static_cast<bool>(__builtin_cpu_supports("sse4.2"));
+}
 
 TEST(Crc32c, GivesThePublishedValues)
 {

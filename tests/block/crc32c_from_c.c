@@ -4,4 +4,7 @@
 
 uint32_t checksumFromC(const char* text, unsigned long length);
 
-uint32_t checksumFromC(const char* text, unsigned long length) { return ~crc32c_slice_8(0xFFFFFFFF, text, length); }
+uint32_t checksumFromC(const char* text, unsigned long length)
+{
+    return ~crc32c_slice_8(0xFFFFFFFF, text, length);
+}

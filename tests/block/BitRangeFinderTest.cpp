@@ -1,14 +1,11 @@
 #include "agent/BitRangeFinder.h"
-#include "Thrown.h"
+#include "Support.h"
 
-#include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdint>
 #include <cstring>
-#include <string>
-#include <vector>
 
 namespace agent {
 namespace {

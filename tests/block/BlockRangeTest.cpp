@@ -1,17 +1,11 @@
 #include "agent/BlockRange.h"
-#include "Thrown.h"
-
-#include <gtest/gtest.h>
+#include "Support.h"
 
 #include <climits>
 #include <locale>
 #include <set>
 #include <sstream>
-#include <stdexcept>
 #include <streambuf>
-#include <string>
-#include <utility>
-#include <vector>
 
 namespace agent {
 namespace {

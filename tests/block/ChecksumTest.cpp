@@ -1,13 +1,10 @@
+#include "Support.h"
 #include "agent/BufferChecksum.h"
 #include "agent/crc32c.h"
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <random>
-#include <string>
-#include <vector>
 
 extern "C" std::uint32_t checksumFromC(const char* text, unsigned long length); // crc32c_from_c.c
 

@@ -1,8 +1,6 @@
 #include "agent/Path.h"
+#include "Support.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
 #include <unordered_set>
 
 namespace agent {

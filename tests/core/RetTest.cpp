@@ -1,11 +1,5 @@
 #include "agent/vnt/common/Ret.h"
-#include "Thrown.h"
-
-#include <gtest/gtest.h>
-
-#include <stdexcept>
-#include <string>
-#include <utility>
+#include "Support.h"
 
 namespace {
 

@@ -1,11 +1,7 @@
 #include "agent/ScopeExit.h"
-#include "CapturingLogger.h"
-
-#include <gtest/gtest.h>
+#include "Support.h"
 
 #include <exception>
-#include <stdexcept>
-#include <string>
 
 namespace agent {
 namespace {

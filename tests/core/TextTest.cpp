@@ -1,4 +1,4 @@
-#include "Thrown.h"
+#include "Support.h"
 #include "agent/Base64.h"
 #include "agent/Environment.h"
 #include "agent/Format.h"
@@ -7,14 +7,9 @@
 #include "agent/UUIDGenerator.h"
 #include "agent/Version.h"
 
-#include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <climits>
-#include <iterator>
-#include <string>
-#include <vector>
 
 namespace agent {
 namespace {

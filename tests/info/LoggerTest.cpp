@@ -1,15 +1,8 @@
 #include "agent/info/Logger.h"
-#include "CapturingLogger.h"
-#include "Thrown.h"
-
-#include <gtest/gtest.h>
+#include "Support.h"
 
 #include <algorithm>
-#include <stdexcept>
-#include <string>
 #include <thread>
-#include <utility>
-#include <vector>
 
 namespace agent::info {
 namespace {

@@ -1,0 +1,107 @@
+#pragma once
+
+// What all tests share, and what nearly all of them include.
+
+#include "agent/PosixError.h"
+#include "agent/info/Logger.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace agent::test {
+
+/// A logger that remembers what it is told. Log from as many threads as you like; read when they are done.
+class CapturingLogger {
+public:
+    struct Entry {
+        std::string text; ///< as the printer got it, newline included
+        info::Logger::Level level;
+        std::chrono::system_clock::time_point when;
+    };
+
+    info::Logger& logger() { return m_logger; }
+    const std::vector<Entry>& entries() const { return m_entries; }
+
+    /// "level text" of each entry, the level as a number and the text without the newline at its end.
+    std::vector<std::string> lines() const
+    {
+        std::vector<std::string> lines;
+        for (const Entry& entry : m_entries) {
+            lines.push_back(std::to_string(entry.level) + ' ' + entry.text);
+            if (lines.back().ends_with('\n')) lines.back().pop_back();
+        }
+        return lines;
+    }
+
+private:
+    std::vector<Entry> m_entries;
+    info::Logger m_logger{[this](std::string text, info::Logger::Level level, auto when) {
+        m_entries.push_back({std::move(text), level, when});
+    }};
+};
+
+/// A fresh directory that disappears, with all that is in it, at the end of the scope.
+class TempDir {
+public:
+    TempDir() { (void)::mkdtemp(m_path.data()); }
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    ~TempDir() { std::filesystem::remove_all(m_path); }
+
+    const std::string& path() const { return m_path; }
+    std::string operator/(const std::string& name) const { return m_path + '/' + name; }
+
+    /// Creates a file and returns its full name.
+    std::string file(const std::string& name, const std::string& content) const
+    {
+        std::ofstream(*this / name, std::ios::binary) << content;
+        return *this / name;
+    }
+
+private:
+    std::string m_path = (std::filesystem::temp_directory_path() / "agentkit_test_XXXXXX").string();
+};
+
+/// The whole content of a file, read without help from the library.
+inline std::string contentOf(const std::string& path)
+{
+    std::ifstream stream(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+/// Descriptors open in this process, to prove that none was leaked.
+inline auto openDescriptors()
+{
+    const std::filesystem::directory_iterator all("/proc/self/fd");
+    return std::distance(begin(all), end(all));
+}
+
+/// What an action throws, as "kind: text"; "nothing" if it does not throw.
+inline std::string thrownBy(const std::function<void()>& action)
+{
+    try {
+        action();
+    } catch (const PosixError& e) {
+        return std::string("posix: ") + e.what();
+    } catch (const std::runtime_error& e) {
+        return std::string("runtime: ") + e.what();
+    } catch (const std::invalid_argument& e) {
+        return std::string("invalid argument: ") + e.what();
+    } catch (const std::logic_error& e) {
+        return std::string("logic: ") + e.what();
+    }
+    return "nothing";
+}
+
+} // namespace agent::test

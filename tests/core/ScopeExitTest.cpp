@@ -28,20 +28,19 @@ TEST(ScopeExit, AFailureGoesOnUnlessAnotherExceptionLeavesTheScope)
     EXPECT_EQ(leaveScope(false), "hook action, caught action");
     EXPECT_EQ(leaveScope(true), "hook action, caught body");
     int runs = 0;
-    try {
+    const auto leaveTwo = [&] {
         const auto counts = make_scope_exit([&] { ++runs; });
         const auto throws = make_scope_exit([] { throw 7; });
-    } catch (int seven) {
-        EXPECT_EQ(runs * seven, 7);
-    }
+    };
+    EXPECT_THROW(leaveTwo(), int);
+    EXPECT_EQ(runs, 1);
     std::string events; // exceptions in flight before the scope do not count
-    try {
-        // NOLINTNEXTLINE(clang-analyzer-deadcode.DeadStores): it lives until the throw
+    const auto leaveByException = [&] {
         const auto guard = make_scope_exit([&] { events = leaveScope(false); });
         throw std::logic_error("outer");
-    } catch (const std::logic_error&) {
-        EXPECT_EQ(events, "hook action, caught action");
-    }
+    };
+    EXPECT_THROW(leaveByException(), std::logic_error);
+    EXPECT_EQ(events, "hook action, caught action");
 }
 
 TEST(TryIgnoreDeathTest, LogsAStandardExceptionAndEndsTheProcessOnAnyOther)

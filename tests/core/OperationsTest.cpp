@@ -10,8 +10,28 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdarg>
 #include <thread>
 #include <unordered_set>
+
+namespace {
+
+int g_opens = 0;
+int g_inheritableOpens = 0;
+
+} // namespace
+
+// The library's calls come here first.
+extern "C" AGENTKIT_API int open(const char* path, int flags, ...) // NOLINT(cert-dcl50-cpp): the system's declaration
+{
+    va_list arguments;
+    va_start(arguments, flags);
+    const auto mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+    va_end(arguments);
+    ++g_opens;
+    g_inheritableOpens += (flags & O_CLOEXEC) == 0 ? 1 : 0;
+    return ::openat(AT_FDCWD, path, flags, mode);
+}
 
 namespace agent {
 namespace {
@@ -22,7 +42,11 @@ using testing::UnorderedElementsAre;
 
 class Operations : public testing::Test {
 protected:
-    ~Operations() override { EXPECT_EQ(test::openDescriptors(), m_descriptors); }
+    ~Operations() override
+    {
+        EXPECT_EQ(test::openDescriptors(), m_descriptors);
+        EXPECT_EQ(g_inheritableOpens, 0);
+    }
 
     static void fails(const std::string& text, int code, const std::function<void()>& action)
     {
@@ -275,6 +299,7 @@ TEST_F(Operations, WritersReplaceOrAppend)
     BufferToFile(file, "0123456789", "a", 8);
     BufferToFile(file, "0123456789", "a", 99, 3);
     EXPECT_EQ(contentOf(file), "new234\n89");
+    EXPECT_NE(g_opens, 0); // the hook was hit
 }
 
 } // namespace

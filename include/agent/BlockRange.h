@@ -9,13 +9,15 @@ namespace agent {
 /// A stretch of blocks, [start, start + count). What a block is (a bit of a change bitmap, a block of a file
 /// system, a byte) is for its user to know.
 ///
-///     std::set<BlockRange> changes { BlockRange(8, 4), BlockRange(100, 1) };
+///     std::set<BlockRange> changes{{8, 4}, {100, 1}};
 ///
 /// Sums and products wrap silently at 2^64. Threads: a value.
 class AGENTKIT_API BlockRange {
 public:
     constexpr BlockRange() = default;
-    constexpr BlockRange(unsigned long start, unsigned long count) // NOLINT(*-explicit-*): { 8, 4 } is a range
+
+    /// Not explicit: {8, 4} is a range wherever one is wanted.
+    constexpr BlockRange(unsigned long start, unsigned long count)
         : m_start(start)
         , m_count(count)
     {

@@ -54,12 +54,12 @@ AGENTKIT_API unsigned long getInode(const Path& p);
 /// There are none on this platform: false for whatever exists.
 AGENTKIT_API bool containsReparsePoint(const Path& p);
 
-/// The file system that holds a path.
+/// The file system that holds a path; all sizes in bytes.
 struct VolumeData {
-    unsigned long blockSize; ///< bytes
-    unsigned long totalBytes;
-    unsigned long freeBytes;      ///< for root
-    unsigned long availableBytes; ///< for everybody else
+    unsigned long blockSize;      ///< preferred size of a transfer
+    unsigned long totalBytes;     ///< capacity
+    unsigned long freeBytes;      ///< free for root
+    unsigned long availableBytes; ///< free for everybody else
 };
 AGENTKIT_API VolumeData volumeData(const Path& p);
 

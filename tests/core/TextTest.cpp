@@ -66,10 +66,9 @@ TEST(StringUtils, WritesHexadecimalAndPrintableCharacters)
 TEST(StringUtils, WideTextKeepsCharactersAndBytesThatAreNone)
 {
     EXPECT_EQ(SU::StrToWStr("a\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80\xFF"), L"a\u00E4\u20AC\U0001F600\xDCFF");
-    for (const std::string text : {"\xC3", "\xC0\x80" /* too long a form */, "\xED\xA0\x80" /* surrogate */,
-             "\xF4\x90\x80\x80" /* beyond Unicode */, "\xE2\x82", "\x80z", "\xC3\xA4ok\xE4"}) {
-        EXPECT_EQ(SU::WStrToStr(SU::StrToWStr(text)), text);
-    }
+    const std::string odd =
+        "\xC0\x80 \xED\xA0\x80 \xF4\x90\x80\x80 \xE2\x82"; // too long, surrogate, too large, cut off
+    EXPECT_EQ(SU::WStrToStr(SU::StrToWStr(odd)), odd);
     EXPECT_EQ(SU::WStrToStr(L"\xD800\x110000"), "\xEF\xBF\xBD\xEF\xBF\xBD");
 }
 

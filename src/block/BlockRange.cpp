@@ -4,8 +4,11 @@
 
 #include <ios>
 #include <locale>
+#include <sstream>
 #include <stdexcept>
+#include <string>
 #include <type_traits>
+#include <utility>
 
 namespace agent {
 
@@ -17,26 +20,16 @@ constexpr unsigned int kLargestPowerOfTwo = 0x80000000U; // that 32 bits hold
 constexpr unsigned long kDefaultBlockSize = 4096;
 constexpr unsigned long kMaxBlockCount = 0xFFFFFFFFUL;
 
-// Numbers of a range are read back by programs: no grouping, whatever locale the stream has.
-class ClassicNumbers {
-public:
-    explicit ClassicNumbers(std::ostream& os)
-        : m_os(os)
-        , m_saved(os.getloc())
-    {
-        if (m_saved != std::locale::classic()) m_os.imbue(std::locale::classic());
-    }
-    ClassicNumbers(const ClassicNumbers&) = delete;
-    ClassicNumbers& operator=(const ClassicNumbers&) = delete;
-    ~ClassicNumbers()
-    {
-        if (m_saved != std::locale::classic()) m_os.imbue(m_saved);
-    }
-
-private:
-    std::ostream& m_os;
-    std::locale m_saved;
-};
+// A number in the stream's base, but without the grouping of its locale: programs read these texts back. The stream
+// itself is left alone; giving it another locale would flush a file.
+std::string numberFor(const std::ostream& os, unsigned long value)
+{
+    std::ostringstream text;
+    text.imbue(std::locale::classic());
+    text.flags(os.flags());
+    text << value;
+    return std::move(text).str();
+}
 
 // Adds the flags that the stream came with to those that it has at the end.
 class FlagsAddedBack {
@@ -64,25 +57,23 @@ std::ostream& withBasePrefix(std::ostream& os)
 
 std::ostream& operator<<(std::ostream& os, const BlockRange& range)
 {
-    const ClassicNumbers classic(os);
-    return os << '[' << range.start() << ", " << range.end() << ')';
+    return os << '[' << numberFor(os, range.start()) << ", " << numberFor(os, range.end()) << ')';
 }
 
 void logTo(std::ostream& os, const BlockRange& range, unsigned long blockSize)
 {
-    const ClassicNumbers classic(os);
     const FlagsAddedBack flags(os);
     constexpr int kPrecision = 6;
-    const unsigned long firstByte = range.start() * blockSize;
     const unsigned long byteCount = range.count() * blockSize;
-    const unsigned long endByte = firstByte + byteCount;
+    const BlockRange bytes(range.start() * blockSize, byteCount);
 
     os << std::dec;
-    os << "Byte range: [" << firstByte << ", " << endByte << ") ([" << formatBytes(firstByte, kPrecision) << ", "
-       << formatBytes(endByte, kPrecision) << "))" << std::endl;
-    os << "Byte count: " << byteCount << " (" << formatBytes(byteCount, kPrecision) << ')' << std::endl;
+    os << "Byte range: " << bytes << " ([" << formatBytes(bytes.start(), kPrecision) << ", "
+       << formatBytes(bytes.end(), kPrecision) << "))" << std::endl;
+    os << "Byte count: " << numberFor(os, byteCount) << " (" << formatBytes(byteCount, kPrecision) << ')' << std::endl;
     os << "Block range: " << range << " (" << withBasePrefix << range << ')' << std::endl;
-    os << "Block count: " << std::dec << range.count() << " (" << withBasePrefix << range.count() << ')' << std::endl;
+    os << "Block count: " << std::dec << numberFor(os, range.count()) << " (" << withBasePrefix
+       << numberFor(os, range.count()) << ')' << std::endl;
 }
 
 BlockRange scaleBlockRangeFSLargerBlockSize(unsigned long ratio, const BlockRange& range, unsigned long offset)

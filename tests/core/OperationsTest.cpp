@@ -22,11 +22,13 @@ int g_inheritableOpens = 0;
 } // namespace
 
 // The library's calls come here first.
-extern "C" AGENTKIT_API int open(const char* path, int flags, ...) // NOLINT(cert-dcl50-cpp): the system's declaration
+// NOLINTNEXTLINE(cert-dcl50-cpp,readability-inconsistent-declaration-parameter-name): the system's declaration
+extern "C" AGENTKIT_API int open(const char* path, int flags, ...)
 {
     va_list arguments;
     va_start(arguments, flags);
-    const auto mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+    const auto mode =
+        (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0; // NOLINT(clang-analyzer-valist.Uninitialized)
     va_end(arguments);
     ++g_opens;
     g_inheritableOpens += (flags & O_CLOEXEC) == 0 ? 1 : 0;

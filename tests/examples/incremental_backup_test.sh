@@ -37,7 +37,8 @@ replicates() {
 }
 
 # Changes in the first block, in the middle, and in a last block that is not a whole one.
-head -c 3000001 /dev/urandom >old.img
+seq 1 500000 >old.img
+truncate -s 3000001 old.img
 cp old.img new.img
 printf 'x' | dd of=new.img conv=notrunc status=none
 head -c 100000 /dev/urandom | dd of=new.img bs=1 seek=1500000 conv=notrunc status=none

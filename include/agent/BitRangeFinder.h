@@ -15,7 +15,7 @@ namespace agent {
 ///     const auto finder = factory.createBitRangeFinder(BitRangeFinderFactory::Bit, true, true);
 ///     for (const BlockRange& range : finder->findRanges(bitmap.data(), blockCount)) send(range);
 ///
-/// Callers derive from it and call through its slots: the destructor, then `findRanges`.
+/// The order of its virtual functions is part of the binary interface.
 class AGENTKIT_API IRangeFinder {
 public:
     virtual ~IRangeFinder();
@@ -94,7 +94,7 @@ private:
     bool m_findNonZero;
 };
 
-/// Makes either finder. Callers derive from it: the destructor is followed by `createBitRangeFinder`.
+/// Makes either finder. The order of its virtual functions is part of the binary interface.
 class AGENTKIT_API BitRangeFinderFactory {
 public:
     enum BitRangeFinderType : int { Bit = 0, U64 = 1 };

@@ -18,10 +18,12 @@ namespace agent {
 /// BitRangeFinder reads it back; ranges that touch are joined then.
 ///
 /// Errors: the bitmap is left as far as it was written. A stream in a failed state is a PosixError with the
-/// `errno` of that moment. Nothing is locked: the stream must be left alone during a call.
+/// `errno` of that moment; one that throws by itself (its exceptions() are on) throws its own error. Nothing is
+/// locked: the stream must be left alone during a call.
 class AGENTKIT_API BlockRangeBitmapStream {
 public:
-    /// @param stream      borrowed; its put position must be seekable; may hold other data around the bitmap
+    /// @param stream      borrowed; its put position must be seekable; may hold other data around the bitmap and the
+    ///                    byte right after it, which may be overwritten
     /// @param blockCount  bits of the bitmap
     /// @param offset      byte position of the bitmap's first byte in the stream
     /// @throws std::runtime_error  if the stream is in a failed state
@@ -32,7 +34,7 @@ public:
     /// Sets every byte of the bitmap to 0; a bitmap of no blocks still gets one zero byte. The stream's fill
     /// character is '\0' afterwards.
     /// @throws PosixError          if the stream fails
-    /// @throws std::runtime_error  if the stream is not where it was sent
+    /// @throws std::runtime_error  if the put position after a seek is not the one asked for
     void clearBitmap();
 
     /// Clears the bitmap, sets the bits of all ranges and flushes the stream.

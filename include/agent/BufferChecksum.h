@@ -6,7 +6,8 @@
 
 namespace agent {
 
-/// Checksums a block of data. Callers derive from it: the destructor is followed by `generateChecksum`.
+/// Checksums a block of data. The order of its virtual functions is part of the binary
+/// interface.
 ///
 ///     const auto generator
 ///         = BufferChecksumGeneratorFactory().createBufferChecksumGenerator(ChecksumType::CRC32C);
@@ -30,7 +31,8 @@ protected:
     IBufferChecksumGenerator& operator=(const IBufferChecksumGenerator&) = default;
 };
 
-/// CRC-32C by the fastest routine of agent/crc32c.h, from register 0 and without inversion. Never fails.
+/// CRC-32C by the fastest routine of agent/crc32c.h, from register 0 and without inversion. Never fails; the buffer
+/// must not be null.
 /// Whether the last length % 8 bytes count depends on the processor: lengths are to be multiples of 8.
 class AGENTKIT_API BufferChecksumGeneratorLibCRC32c : public IBufferChecksumGenerator {
 public:

@@ -6,7 +6,7 @@
 
 namespace agent {
 
-/// Makes UUIDs. Callers derive from it: the destructor is followed by `generate` and `empty`.
+/// Makes UUIDs. The order of its virtual functions is part of the binary interface.
 ///
 /// Two forms are in use and differ on purpose: `generate` writes the one with dashes, `empty`, `convert` and
 /// StringUtils::isUuid use 32 hexadecimal digits.

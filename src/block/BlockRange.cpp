@@ -6,9 +6,7 @@
 #include <locale>
 #include <sstream>
 #include <stdexcept>
-#include <string>
 #include <type_traits>
-#include <utility>
 
 namespace agent {
 
@@ -22,13 +20,18 @@ constexpr unsigned long kMaxBlockCount = 0xFFFFFFFFUL;
 
 // A number in the stream's base, but without the grouping of its locale: programs read these texts back. The stream
 // itself is left alone; giving it another locale would flush a file.
-std::string numberFor(const std::ostream& os, unsigned long value)
+struct Ungrouped {
+    unsigned long value;
+};
+
+std::ostream& operator<<(std::ostream& os, const Ungrouped& number)
 {
+    if (os.getloc() == std::locale::classic()) return os << number.value;
     std::ostringstream text;
     text.imbue(std::locale::classic());
     text.flags(os.flags());
-    text << value;
-    return std::move(text).str();
+    text << number.value;
+    return os << text.str();
 }
 
 // Adds the flags that the stream came with to those that it has at the end.
@@ -57,7 +60,7 @@ std::ostream& withBasePrefix(std::ostream& os)
 
 std::ostream& operator<<(std::ostream& os, const BlockRange& range)
 {
-    return os << '[' << numberFor(os, range.start()) << ", " << numberFor(os, range.end()) << ')';
+    return os << '[' << Ungrouped{range.start()} << ", " << Ungrouped{range.end()} << ')';
 }
 
 void logTo(std::ostream& os, const BlockRange& range, unsigned long blockSize)
@@ -70,10 +73,10 @@ void logTo(std::ostream& os, const BlockRange& range, unsigned long blockSize)
     os << std::dec;
     os << "Byte range: " << bytes << " ([" << formatBytes(bytes.start(), kPrecision) << ", "
        << formatBytes(bytes.end(), kPrecision) << "))" << std::endl;
-    os << "Byte count: " << numberFor(os, byteCount) << " (" << formatBytes(byteCount, kPrecision) << ')' << std::endl;
+    os << "Byte count: " << Ungrouped{byteCount} << " (" << formatBytes(byteCount, kPrecision) << ')' << std::endl;
     os << "Block range: " << range << " (" << withBasePrefix << range << ')' << std::endl;
-    os << "Block count: " << std::dec << numberFor(os, range.count()) << " (" << withBasePrefix
-       << numberFor(os, range.count()) << ')' << std::endl;
+    os << "Block count: " << std::dec << Ungrouped{range.count()} << " (" << withBasePrefix << Ungrouped{range.count()}
+       << ')' << std::endl;
 }
 
 BlockRange scaleBlockRangeFSLargerBlockSize(unsigned long ratio, const BlockRange& range, unsigned long offset)

@@ -129,6 +129,9 @@ unsigned long BlockRangeBitmapStream::calculateBitmapByteSize(unsigned long bloc
 
 void BlockRangeBitmapStream::clearBitmap()
 {
+    // A stream that was read to its end refuses to write without counting as failed: the bitmap would be lost in
+    // silence.
+    if (m_stream.eof()) m_stream.clear(m_stream.rdstate() & ~std::ios::eofbit);
     seekTo(m_stream, m_offset, "Failed to seek to offset in bitmap file.");
     // One insertion, padded to the bitmap's size. setw() takes an int, which is too narrow.
     m_stream.width(static_cast<std::streamsize>(calculateBitmapByteSize(m_blockCount)));

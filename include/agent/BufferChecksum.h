@@ -50,8 +50,7 @@ public:
 
 enum class ChecksumType : int { CRC32 = 0, CRC32C = 1 };
 
-/// Makes either generator. Callers derive from it: the destructor is followed by
-/// `createBufferChecksumGenerator`.
+/// Makes either generator. The order of its virtual functions is part of the binary interface.
 class AGENTKIT_API BufferChecksumGeneratorFactory {
 public:
     virtual ~BufferChecksumGeneratorFactory();

@@ -1,0 +1,80 @@
+#include "agent/Flock.h"
+
+#include "core/Io.h"
+
+#include "agent/PosixError.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <stdexcept>
+
+namespace agent {
+
+namespace {
+
+// How often a file may be removed under our hands. Each time means that another owner let go of the lock in the
+// few microseconds between our open and our flock.
+constexpr int MAX_ATTEMPTS = 1000;
+
+bool isFileAt(const std::string& path, int fd)
+{
+    struct stat64 atPath {};
+    struct stat64 ours {};
+    return ::stat64(path.c_str(), &atPath) == 0 && ::fstat64(fd, &ours) == 0 && atPath.st_dev == ours.st_dev &&
+           atPath.st_ino == ours.st_ino;
+}
+
+[[noreturn]] void fail(const char* what, const std::string& path)
+{
+    const int error = errno;
+    throw PosixError(what + path, error);
+}
+
+UniqueFd lock(const std::string& path)
+{
+    UniqueFd fd = io::open(path, O_RDWR | O_CREAT, 0644);
+    if (!fd.isOpen()) fail("Unable to open lock file. File ", path);
+    if (io::retry([&] { return ::flock(fd.get(), LOCK_EX | LOCK_NB); }) != 0)
+        fail(errno == EWOULDBLOCK ? "File already locked. File " : "Unknown lock failure.  File ", path);
+    return fd;
+}
+
+} // namespace
+
+Flock::Flock(std::string path)
+    : m_path(std::move(path))
+{
+    // The owner before us removes the file when it lets go. Locking the removed file would keep nobody out: the
+    // next one creates a new file and locks that.
+    for (int attempt = 0; attempt < MAX_ATTEMPTS; ++attempt) {
+        UniqueFd fd = lock(m_path);
+        if (isFileAt(m_path, fd.get())) {
+            m_fd = fd.release();
+            return;
+        }
+    }
+    throw PosixError("File already locked. File " + m_path, EWOULDBLOCK);
+}
+
+Flock::~Flock()
+{
+    const UniqueFd fd(m_fd);
+    // Before closing: afterwards the file may be another owner's.
+    if (isFileAt(m_path, m_fd)) (void)::unlink(m_path.c_str()); // best effort; a file left behind locks nobody out
+}
+
+void Flock::WritePid()
+{
+    const std::string digits = std::to_string(::getpid());
+    if (digits.empty()) throw std::runtime_error("PID conversion failure.");
+    if (io::retry([&] { return ::ftruncate64(m_fd, 0); }) != 0) fail("Unable to truncate lock file. File ", m_path);
+    const ssize_t written = io::retry([&] { return ::pwrite64(m_fd, digits.data(), digits.size(), 0); });
+    if (written >= 0 && written != static_cast<ssize_t>(digits.size())) errno = ENOSPC;
+    if (written != static_cast<ssize_t>(digits.size())) fail("Unable to write to lock file. File ", m_path);
+}
+
+} // namespace agent

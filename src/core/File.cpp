@@ -19,9 +19,9 @@ namespace agent {
 
 namespace {
 
-constexpr std::size_t CHUNK = 64 * 1024; // bytes asked for at once where the size is unknown
+constexpr std::size_t kChunk = 64 * 1024; // bytes asked for at once where the size is unknown
 
-constexpr FileOpenMode READ_WRITE = FileOpenMode::Read | FileOpenMode::Write;
+constexpr FileOpenMode kReadWrite = FileOpenMode::Read | FileOpenMode::Write;
 
 int openFlags(FileOpenMode mode)
 {
@@ -140,7 +140,7 @@ void File::Impl::flush()
 // writes go elsewhere.
 void File::Impl::giveBackReadAhead()
 {
-    if (m_buffer && m_buffer->readAhead() > 0) (void)m_buffer->pubseekoff(0, std::ios::cur);
+    if (m_buffer && m_buffer->readAhead() > 0) (void)m_buffer->pubseekpos(m_buffer->pubseekoff(0, std::ios::cur));
 }
 
 std::size_t File::Impl::read(char* out, std::size_t size)
@@ -164,7 +164,7 @@ void File::Impl::readRest(std::string& out)
     std::string rest;
     std::size_t size = 0;
     do {
-        rest.resize(size + std::max(CHUNK, size));
+        rest.resize(size + std::max(kChunk, size));
         size += read(rest.data() + size, rest.size() - size);
     } while (size == rest.size());
     rest.resize(size);
@@ -177,7 +177,7 @@ std::string File::Impl::slurp()
     std::string content;
     std::size_t size = 0;
     while (true) {
-        content.resize(size + std::max(CHUNK, size));
+        content.resize(size + std::max(kChunk, size));
         const ssize_t got = io::retry(
             [&] { return ::pread64(m_fd, content.data() + size, content.size() - size, static_cast<off64_t>(size)); });
         if (got < 0 && errno == ESPIPE) break;
@@ -211,7 +211,7 @@ File::File(info::Logger& logger)
     : File(logger, file::getTempFile("KESTA_"))
 {
     try {
-        m_impl->open(READ_WRITE, DEFAULT_CREATE_MODE);
+        m_impl->open(kReadWrite, DEFAULT_CREATE_MODE);
     } catch (...) {
         (void)::unlink(getFilePath().u8string().c_str()); // best effort; the first error is the one to report
         throw;

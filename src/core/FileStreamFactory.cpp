@@ -18,11 +18,12 @@ std::optional<int> openFlags(std::ios::openmode mode)
     const auto has = [mode](std::ios::openmode bit) { return (mode & bit) != 0; };
     const bool in = has(std::ios::in);
     const bool append = has(std::ios::app);
-    if (has(std::ios::trunc) && (append || !has(std::ios::out))) {
+    const bool out = has(std::ios::out);
+    if ((has(std::ios::trunc) && (append || !out)) || !(in || out || append)) {
         errno = EINVAL;
         return std::nullopt;
     }
-    if (!append && !has(std::ios::out)) return O_RDONLY;
+    if (!append && !out) return O_RDONLY;
 
     const int writing = in ? O_RDWR : O_WRONLY;
     if (append) return writing | O_CREAT | O_APPEND;
@@ -39,6 +40,8 @@ std::filebuf openBuffer(const Path& path, std::ios::openmode mode)
     const int number = fd.release(); // a buffer that fails once it is open closes the descriptor itself
     __gnu_cxx::stdio_filebuf<char> buffer(number, mode & ~std::ios::ate);
     if (!buffer.is_open()) fd = UniqueFd(number);
+    // A stream that only appends reports the end as its position from the start; a pipe has none to report.
+    if ((mode & (std::ios::in | std::ios::app)) == std::ios::app) (void)buffer.pubseekoff(0, std::ios::end);
     if ((mode & std::ios::ate) != 0 && buffer.pubseekoff(0, std::ios::end) == std::streampos(-1)) buffer.close();
     return {static_cast<std::filebuf&&>(buffer)};
 }
@@ -70,7 +73,7 @@ std::unique_ptr<std::ofstream> FileStreamFactory::createOutputFileStream(
 std::unique_ptr<std::fstream> FileStreamFactory::createInputOutputFileStream(
     const Path& path, std::ios::openmode mode) const
 {
-    return openStream<std::fstream>(path, mode | std::ios::in | std::ios::out);
+    return openStream<std::fstream>(path, mode);
 }
 
 } // namespace agent::filesystem

@@ -18,7 +18,7 @@ namespace {
 
 // How often a file may be removed under our hands. Each time means that another owner let go of the lock in the
 // few microseconds between our open and our flock.
-constexpr int MAX_ATTEMPTS = 1000;
+constexpr int kMaxAttempts = 1000;
 
 bool isFileAt(const std::string& path, int fd)
 {
@@ -50,7 +50,7 @@ Flock::Flock(std::string path)
 {
     // The owner before us removes the file when it lets go. Locking the removed file would keep nobody out: the
     // next one creates a new file and locks that.
-    for (int attempt = 0; attempt < MAX_ATTEMPTS; ++attempt) {
+    for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
         UniqueFd fd = lock(m_path);
         if (isFileAt(m_path, fd.get())) {
             m_fd = fd.release();

@@ -18,9 +18,9 @@ MemoryOutputStreamBuffer::~MemoryOutputStreamBuffer() = default;
 // Makes the whole vector the put area, the next byte at `position`.
 void MemoryOutputStreamBuffer::putFrom(std::size_t position)
 {
-    constexpr std::size_t LONGEST_BUMP = std::numeric_limits<int>::max(); // pbump takes an int
+    constexpr std::size_t kLongestBump = std::numeric_limits<int>::max(); // pbump takes an int
     setp(m_bytes.data(), m_bytes.data() + m_bytes.size());
-    for (; position > LONGEST_BUMP; position -= LONGEST_BUMP) pbump(static_cast<int>(LONGEST_BUMP));
+    for (; position > kLongestBump; position -= kLongestBump) pbump(static_cast<int>(kLongestBump));
     pbump(static_cast<int>(position));
 }
 

@@ -16,8 +16,9 @@ class AGENTKIT_API IFileStreamFactory {
 public:
     virtual ~IFileStreamFactory();
 
-    /// The stream adds `in`, or `out`, or both, to the mode as the standard classes do, and like them it is in a
-    /// failed state, with the reason in `errno`, if the file cannot be opened so.
+    /// As in the standard classes, the mode of an input stream includes `in`, that of an output stream `out`, and
+    /// that of an input and output stream what the caller says. A file that cannot be opened so gives a stream in
+    /// a failed state, with the reason in `errno`; a new file has mode 0666, lessened by the umask.
     virtual std::unique_ptr<std::ifstream> createInputFileStream(const Path& path, std::ios::openmode mode) const = 0;
     virtual std::unique_ptr<std::ofstream> createOutputFileStream(const Path& path, std::ios::openmode mode) const = 0;
     virtual std::unique_ptr<std::fstream> createInputOutputFileStream(

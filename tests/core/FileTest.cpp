@@ -1,0 +1,170 @@
+#include "agent/File.h"
+#include "Support.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <thread>
+
+namespace agent {
+namespace {
+
+using test::contentOf;
+using test::thrownBy;
+
+constexpr FileOpenMode kReadWrite = FileOpenMode::Read | FileOpenMode::Write;
+
+class FileTest : public testing::Test {
+protected:
+    ~FileTest() override { EXPECT_EQ(test::openDescriptors(), m_descriptors); }
+
+    static std::string posix(const std::string& text, int code)
+    {
+        return "posix: " + std::string(PosixError(text, code).what());
+    }
+    static bool has(FileOpenMode mode, FileOpenMode bits) { return (mode & bits) != FileOpenMode(); }
+
+    // The descriptor that the file's log line names.
+    int handle() const
+    {
+        const std::string& line = m_log.entries().back().text;
+        return std::stoi(line.substr(line.rfind(' ')));
+    }
+
+    decltype(test::openDescriptors()) m_descriptors = test::openDescriptors();
+    test::TempDir m_dir;
+    test::CapturingLogger m_log;
+};
+
+class FileModes : public FileTest, public testing::WithParamInterface<unsigned int> {};
+
+TEST_P(FileModes, TheStreamDoesWhatTheDescriptorCan)
+{
+    const auto mode = static_cast<FileOpenMode>(GetParam());
+    const bool writes = has(mode, FileOpenMode::Write | FileOpenMode::Append | FileOpenMode::Truncate);
+    const bool reads = !writes || has(mode, FileOpenMode::Read);
+    const std::string path = m_dir.file("present", "abc");
+    const std::string left = has(mode, FileOpenMode::Truncate) ? "" : "abc";
+
+    File file(m_log.logger(), path, mode);
+    EXPECT_EQ(contentOf(path), left);
+    EXPECT_TRUE(file.getStream().good());
+    EXPECT_EQ((file.getStream() << "xy" << std::flush).good(), writes);
+    const std::string expected = has(mode, FileOpenMode::Append) ? left + "xy" : left.empty() ? "xy" : "xyc";
+    EXPECT_EQ(contentOf(path), writes ? expected : left);
+
+    file.seek(0, SEEK_SET);
+    std::string content;
+    if (reads) {
+        EXPECT_TRUE(std::getline(file.getStream(), content));
+        EXPECT_EQ(content, contentOf(path));
+        EXPECT_EQ(file.slurp(), content);
+    } else {
+        EXPECT_EQ(thrownBy([&] { (void)file.slurp(); }), posix("pread(\"" + path + "\") failed", EBADF));
+        EXPECT_EQ(thrownBy([&] { file.read(content); }), posix("read(\"" + path + "\") failed", EBADF));
+    }
+
+    const Path missing = m_dir / "missing";
+    const std::string expectedError = posix("Failed to open file " + missing.u8string(), ENOENT);
+    EXPECT_EQ(thrownBy([&] { const File created(m_log.logger(), missing, mode, FileCreateMode(07640)); }),
+        has(mode, FileOpenMode::Create) ? "nothing" : expectedError);
+    struct stat status {};
+    if (has(mode, FileOpenMode::Create)) {
+        ASSERT_EQ(::stat(missing.u8string().c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode & 07777, 0640U) << "only the low nine bits count";
+    }
+}
+INSTANTIATE_TEST_SUITE_P(AllBits, FileModes, testing::Range(0U, 32U));
+
+TEST_F(FileTest, DirectCallsAndTheStreamShareOnePosition)
+{
+    const std::string path = m_dir.file("shared", "one two three");
+    File file(m_log.logger(), path, kReadWrite);
+    std::string word;
+    char bytes[4] = {};
+
+    file.getStream() >> word; // reads everything ahead
+    EXPECT_EQ(file.read(bytes, 2), 2);
+    EXPECT_EQ(word + std::string(bytes, 2), "one t");
+    file.getStream() >> word;
+    file.write("-"); // after what was read, not after what was read ahead
+    EXPECT_EQ(contentOf(path), "one two-three");
+    file.getStream() << "TH"; // still in the stream
+    file.read(word);
+    EXPECT_EQ(word, "ree");
+    EXPECT_EQ(file.read(bytes, 4), 0);
+    EXPECT_EQ(contentOf(path), "one two-THree");
+
+    EXPECT_FALSE(file.getStream() >> word) << "at the end";
+    file.seek(-4, SEEK_END);
+    EXPECT_EQ(file.slurp(), "one two-THree");
+    EXPECT_TRUE(file.getStream() >> word);
+    EXPECT_EQ(word, "Hree") << "slurp leaves the position, seek clears the stream's state";
+}
+
+TEST_F(FileTest, OpensForReadingByItselfAndLogsIt)
+{
+    const std::string path = m_dir.file("some", "content");
+    File file(m_log.logger(), path);
+    EXPECT_FALSE(file.getStream().good());
+    EXPECT_EQ(thrownBy([&] { file.write("x"); }), posix("write(\"" + path + "\") failed", EBADF));
+    EXPECT_EQ(file.slurp(), "content");
+    EXPECT_EQ(m_log.lines(),
+        std::vector<std::string>{"4 File " + path + " successfully opened with handle " + std::to_string(handle())});
+    EXPECT_EQ(::fcntl(handle(), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+    EXPECT_EQ(thrownBy([&] { file.write("x"); }), posix("write(\"" + path + "\") failed", EBADF));
+
+    std::iostream& stream = file.getStream();
+    file.open(FileOpenMode::Write, File::DEFAULT_CREATE_MODE);
+    stream << "C" << std::flush;
+    EXPECT_EQ(contentOf(path), "Content") << "the stream outlives a second open";
+    EXPECT_EQ(file.getFilePath(), Path(path));
+}
+
+TEST_F(FileTest, ReadsWhatHasNoSizeOrNoPosition)
+{
+    const File status(m_log.logger(), "/proc/self/status");
+    EXPECT_NE(status.slurp().find("VmRSS"), std::string::npos);
+
+    const std::string pipe = m_dir / "pipe";
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    const std::string sent(200'000, 'p'); // more than a pipe holds
+    std::thread writer([&] { File(m_log.logger(), pipe, FileOpenMode::Write).write(sent); });
+    test::CapturingLogger log;
+    EXPECT_EQ(File(log.logger(), pipe).slurp(), sent);
+    writer.join();
+}
+
+TEST_F(FileTest, FailuresNameTheCallAndTheFile)
+{
+    File full(m_log.logger(), "/dev/full", kReadWrite);
+    EXPECT_EQ(thrownBy([&] { full.write("x"); }), posix("write(\"/dev/full\") failed", ENOSPC));
+    full.getStream() << "x";
+    EXPECT_EQ(thrownBy([&] { full.seek(0, SEEK_SET); }), posix("write(\"/dev/full\") failed", ENOSPC))
+        << "what the stream could not write is not dropped in silence";
+
+    const File directory(m_log.logger(), m_dir.path());
+    std::string out = "untouched";
+    EXPECT_EQ(thrownBy([&] { directory.read(out); }), posix("read(\"" + m_dir.path() + "\") failed", EISDIR));
+    EXPECT_EQ(out, "untouched");
+    EXPECT_EQ(thrownBy([&] { directory.seek(-1, SEEK_SET); }), posix("lseek(\"" + m_dir.path() + "\") failed", EINVAL));
+}
+
+TEST_F(FileTest, ATemporaryFileStaysOnDisk)
+{
+    std::string path;
+    {
+        const File file(m_log.logger());
+        path = file.getFilePath().u8string();
+        file.write("kept");
+        EXPECT_EQ(file.slurp(), "kept");
+    }
+    EXPECT_NE(path.find("/KESTA_"), std::string::npos);
+    EXPECT_EQ(contentOf(path), "kept");
+    ::unlink(path.c_str());
+}
+
+} // namespace
+} // namespace agent

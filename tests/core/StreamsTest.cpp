@@ -1,0 +1,118 @@
+#include "Support.h"
+#include "agent/MemoryOutputStreamBuffer.h"
+#include "agent/core/FilePathFinder.h"
+#include "agent/dir/Operations.h"
+#include "agent/file/Operations.h"
+#include "agent/filesystem/FileStreamFactory.h"
+
+#include <limits>
+#include <sstream>
+
+namespace agent {
+namespace {
+
+TEST(MemoryOutputStreamBuffer, GrowsByDoublingAndByAHundredAtLeast)
+{
+    std::vector<char> bytes(3);
+    MemoryOutputStreamBuffer buffer(bytes, true);
+    std::ostream stream(&buffer);
+    std::vector<std::size_t> sizes{bytes.size()};
+    std::string written;
+    for (int i = 0; i < 300; ++i) {
+        const char letter = static_cast<char>('a' + i % 26);
+        stream << letter;
+        written += letter;
+        if (bytes.size() != sizes.back()) sizes.push_back(bytes.size());
+    }
+    EXPECT_EQ(sizes, (std::vector<std::size_t>{3, 103, 206, 412}));
+    EXPECT_EQ(std::string(bytes.data(), 300), written);
+    EXPECT_EQ(stream.tellp(), 300);
+}
+
+TEST(MemoryOutputStreamBuffer, ThrowsPastTheEndIfItMayNotGrow)
+{
+    std::vector<char> bytes(3);
+    MemoryOutputStreamBuffer buffer(bytes, false);
+    EXPECT_EQ(buffer.sputn("abc", 3), 3);
+    EXPECT_EQ(test::thrownBy([&] { buffer.sputc('d'); }),
+        "runtime: MemoryOutputStreamBuffer overflow was called and resizing is disabled.");
+    EXPECT_EQ(std::string(bytes.begin(), bytes.end()), "abc");
+}
+
+TEST(MemoryOutputStreamBuffer, SeeksWithinTheVectorOnly)
+{
+    struct Seek {
+        const char* why;
+        std::streamoff offset;
+        std::ios::seekdir from;
+        std::streamoff expected;
+    };
+    std::vector<char> bytes(10);
+    MemoryOutputStreamBuffer buffer(bytes, true);
+    for (const auto& [why, offset, from, expected] : {
+             Seek{"the end is the vector's size", 0, std::ios::end, 10},
+             Seek{"beyond it", 1, std::ios::end, -1},
+             Seek{"the position stayed", 0, std::ios::cur, 10},
+             Seek{"back", -4, std::ios::cur, 6},
+             Seek{"before the start", -7, std::ios::cur, -1},
+             Seek{"no sum overflows", std::numeric_limits<std::streamoff>::max(), std::ios::cur, -1},
+             Seek{"nor here", std::numeric_limits<std::streamoff>::min(), std::ios::end, -1},
+             Seek{"from the start", 2, std::ios::beg, 2},
+         })
+        EXPECT_EQ(buffer.pubseekoff(offset, from), expected) << why;
+    buffer.sputc('x');
+    EXPECT_EQ(bytes[2], 'x');
+    EXPECT_EQ(buffer.pubseekpos(11), -1);
+    EXPECT_EQ(buffer.pubseekpos(5, std::ios::in), -1) << "nothing can be read";
+}
+
+TEST(FileStreamFactory, OpensAsTheStandardStreamsDo)
+{
+    using std::ios;
+    const filesystem::FileStreamFactory factory;
+    for (const auto mode : {ios::openmode(), ios::in, ios::out, ios::app, ios::trunc, ios::ate, ios::app | ios::trunc,
+             ios::in | ios::trunc, ios::in | ios::app, ios::out | ios::ate, ios::in | ios::ate}) {
+        for (const bool present : {true, false}) {
+            const test::TempDir dir;
+            const auto descriptors = test::openDescriptors();
+            const auto compare = [&](const std::string& what, auto&& standard, auto&& made) {
+                const std::string theirs = dir / (what + "1");
+                const std::string ours = dir / (what + "2");
+                if (present) (void)dir.file(what + "1", "abc"), (void)dir.file(what + "2", "abc");
+                standard.open(theirs, mode);
+                const auto stream = made(Path(ours));
+                EXPECT_EQ(stream->is_open(), standard.is_open()) << what << mode << present;
+                EXPECT_EQ(stream->rdstate(), standard.rdstate()) << what << mode << present;
+                EXPECT_EQ(stream->rdbuf()->pubseekoff(0, ios::cur), standard.rdbuf()->pubseekoff(0, ios::cur)) << mode;
+                (void)standard.rdbuf()->sputc('x'), standard.close();
+                (void)stream->rdbuf()->sputc('x'), stream->close();
+                EXPECT_EQ(test::contentOf(ours), test::contentOf(theirs)) << what << mode << present;
+                EXPECT_EQ(file::exists(ours), file::exists(theirs)) << what << mode << present;
+            };
+            compare("in", std::ifstream(), [&](const Path& p) { return factory.createInputFileStream(p, mode); });
+            compare("out", std::ofstream(), [&](const Path& p) { return factory.createOutputFileStream(p, mode); });
+            compare(
+                "both", std::fstream(), [&](const Path& p) { return factory.createInputOutputFileStream(p, mode); });
+            EXPECT_EQ(test::openDescriptors(), descriptors);
+        }
+    }
+}
+
+TEST(FilePathFinder, FindsWhatIsNoDirectoryBelowTheOneNamed)
+{
+    const test::TempDir root;
+    dir::make(root / "logs/old.log", true);
+    const std::string first = root.file("logs/a.log", "");
+    const std::string second = root.file("logs/old.log/b.log", "");
+    (void)root.file("logs/other.txt", "");
+    const std::string outside = root.file("c.log", "");
+
+    const core::FilePathFinder finder(root.path());
+    const auto isLog = [](const Path& path) { return path.fileName().ends_with(".log"); };
+    EXPECT_EQ(finder.getFilePaths(root / "logs", isLog), (std::vector<Path>{first, second}));
+    EXPECT_EQ(finder.getFilePaths("", isLog), (std::vector<Path>{outside, first, second}));
+    EXPECT_EQ(test::thrownBy([&] { (void)finder.getFilePaths(root / "no", isLog); }).substr(0, 7), "posix: ");
+}
+
+} // namespace
+} // namespace agent

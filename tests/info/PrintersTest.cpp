@@ -1,0 +1,103 @@
+#include "agent/info/Printers.h"
+#include "Support.h"
+#include "agent/vnt/LoggerAdapter.h"
+
+namespace agent::info {
+namespace {
+
+using testing::ElementsAre;
+using Time = std::chrono::system_clock::time_point;
+
+constexpr Time kWhen{std::chrono::seconds(1'000'000)};
+
+class Printers : public testing::Test {
+protected:
+    // Remembers who printed what.
+    Logger::Printer recorder(const std::string& name)
+    {
+        return [this, name](const std::string& message, Logger::Level level, Time when) {
+            EXPECT_EQ(when, kWhen);
+            m_printed.push_back(name + std::to_string(level) + message);
+        };
+    }
+    FailsafePrinter::FalliblePrinter fallible(const std::string& name, bool prints)
+    {
+        return [print = recorder(name), prints](const std::string& message, Logger::Level level, Time when) {
+            print(message, level, when);
+            return prints;
+        };
+    }
+
+    std::vector<std::string> m_printed;
+};
+
+TEST_F(Printers, HandMessagesOn)
+{
+    const TagDecorator tag;
+    const auto important = [](const std::string&, Logger::Level level, Time) { return level <= Logger::INFO; };
+    const MultiPrinter print(
+        {recorder("a"), FilteredPrinter(important, recorder("b")), DecoratedPrinter(tag, recorder("c"))});
+    print("x", Logger::INFO, kWhen);
+    print("y", Logger::DEBUG, kWhen);
+    EXPECT_THAT(m_printed, ElementsAre("a3x", "b3x", "c3[INFO:]     x", "a4y", "c4[DEBUG:]    y"));
+
+    const Logger::Printer nobody;
+    EXPECT_THROW(DecoratedPrinter(tag, nobody)("x", Logger::INFO, kWhen), std::bad_function_call);
+    EXPECT_THROW(FilteredPrinter(important, nobody)("x", Logger::INFO, kWhen), std::bad_function_call);
+    EXPECT_NO_THROW(FilteredPrinter(important, nobody)("x", Logger::DEBUG, kWhen));
+    EXPECT_THROW(FilteredPrinter({}, recorder("a"))("x", Logger::INFO, kWhen), std::bad_function_call);
+    EXPECT_THROW(MultiPrinter({nobody})("x", Logger::INFO, kWhen), std::bad_function_call);
+}
+
+TEST_F(Printers, TheScreenGetsMessagesAsTheyAre)
+{
+    testing::internal::CaptureStdout();
+    ScreenPrinter()("no newline", Logger::ERROR, kWhen);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "no newline");
+}
+
+TEST_F(Printers, TheFailsafeStopsAtTheFirstThatPrints)
+{
+    struct Case {
+        const char* why;
+        std::vector<FailsafePrinter::FalliblePrinter> printers;
+        std::vector<std::string> printed;
+        bool fails;
+    };
+    for (auto& [why, printers, printed, fails] : std::vector<Case>{
+             {"nobody there", {}, {}, true},
+             {"an empty one counts as failed", {{}, {}}, {}, true},
+             {"the second helps", {fallible("a", false), {}, fallible("b", true), fallible("c", true)}, {"a3x", "b3x"},
+                 false},
+             {"none can", {fallible("a", false), fallible("b", false)}, {"a3x", "b3x"}, true},
+         }) {
+        m_printed.clear();
+        testing::internal::CaptureStderr();
+        const FailsafePrinter print(printers);
+        print("x", Logger::INFO, kWhen);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            fails ? "~~Logging Error~~ All printers in sequence failed to print log message\n" : "")
+            << why;
+        EXPECT_EQ(m_printed, printed) << why;
+    }
+    const auto throwing = [](const std::string&, Logger::Level, Time) -> bool { throw std::runtime_error("full"); };
+    EXPECT_EQ(test::thrownBy([&] {
+        FailsafePrinter({throwing, fallible("a", true)})("x", Logger::INFO, kWhen);
+    }),
+        "runtime: full");
+}
+
+TEST(LoggerAdapter, TranslatesLevelsAndAddsTheCode)
+{
+    test::CapturingLogger log;
+    const auto callback = ::vnt::LoggerAdapter::toLogCallback(log.logger());
+    using ::vnt::common::loglevel;
+    callback(::vnt::common::loglevel_information, 0, "ok");
+    callback(::vnt::common::loglevel_debug, -1, "closed");
+    callback(::vnt::common::loglevel_error, 12345, "lost");
+    callback(static_cast<loglevel>(7), 5, "ok");
+    EXPECT_THAT(log.lines(), ElementsAre("3 ok", "4 closed code: -1", "1 lost code: 12345", "1 ok code: 5"));
+}
+
+} // namespace
+} // namespace agent::info

@@ -78,13 +78,13 @@ std::string decoratedByStrftime(const std::string& message, Time when)
     std::array<char, 50> utc{};
     std::array<char, 50> local{};
     std::array<char, 50> offset{};
-    gmtime_r(&seconds, &parts);
-    std::strftime(utc.data(), utc.size(), "%FT%T.", &parts);
-    localtime_r(&seconds, &parts);
-    std::strftime(local.data(), local.size(), "%FT%T.", &parts);
-    std::strftime(offset.data(), offset.size(), "%z", &parts);
+    (void)gmtime_r(&seconds, &parts);
+    (void)std::strftime(utc.data(), utc.size(), "%FT%T.", &parts);
+    (void)localtime_r(&seconds, &parts);
+    (void)std::strftime(local.data(), local.size(), "%FT%T.", &parts);
+    (void)std::strftime(offset.data(), offset.size(), "%z", &parts);
     std::array<char, 200> prefix{};
-    std::snprintf(prefix.data(), prefix.size(), "%s%03dZ %s%03d%s [TID %07ld] %-12s", utc.data(), milliseconds,
+    (void)std::snprintf(prefix.data(), prefix.size(), "%s%03dZ %s%03d%s [TID %07ld] %-12s", utc.data(), milliseconds,
         local.data(), milliseconds, offset.data(), agent::getThreadID(), "[INFO:]");
     return prefix.data() + message;
 }

@@ -19,7 +19,7 @@ namespace agent {
 
 namespace {
 
-constexpr std::size_t kChunk = 64 * 1024; // bytes asked for at once where the size is unknown
+constexpr std::size_t kChunk = 65'536; // bytes asked for at once where the size is unknown
 
 constexpr FileOpenMode kReadWrite = FileOpenMode::Read | FileOpenMode::Write;
 

@@ -17,7 +17,6 @@
 #include <ctime>
 #include <new>
 #include <optional>
-#include <ranges>
 
 namespace agent::info {
 
@@ -323,8 +322,9 @@ MultiDecorator::MultiDecorator(std::vector<std::reference_wrapper<const IDecorat
 std::string MultiDecorator::decorate(std::string message, Logger::Level level, Time when) const
 {
     message.reserve(message.size() + m_decorators.size() * kUsualPrefix); // once, not once a prefix
-    for (const IDecorator& decorator : m_decorators | std::views::reverse)
-        message = decorator.decorate(std::move(message), level, when);
+    // NOLINTNEXTLINE(modernize-loop-convert): clang 14 cannot compile the standard library's reversed view
+    for (auto decorator = m_decorators.rbegin(); decorator != m_decorators.rend(); ++decorator)
+        message = decorator->get().decorate(std::move(message), level, when);
     return message;
 }
 

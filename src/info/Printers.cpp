@@ -39,7 +39,7 @@ MultiPrinter::MultiPrinter(std::vector<Logger::Printer> printers)
 {
 }
 
-void MultiPrinter::operator()(std::string message, Logger::Level level, Time when) const
+void MultiPrinter::operator()(const std::string& message, Logger::Level level, Time when) const
 {
     for (const Logger::Printer& printer : m_printers) printer(message, level, when);
 }
@@ -49,7 +49,7 @@ FailsafePrinter::FailsafePrinter(std::vector<FalliblePrinter> printers)
 {
 }
 
-void FailsafePrinter::operator()(std::string message, Logger::Level level, Time when) const
+void FailsafePrinter::operator()(const std::string& message, Logger::Level level, Time when) const
 {
     for (const FalliblePrinter& printer : m_printers) {
         if (printer && printer(message, level, when)) return;

@@ -90,7 +90,7 @@ TEST(Flock, FailuresNameTheFile)
     EXPECT_EQ(thrownBy([&] { Flock(pipe).WritePid(); }), posix("Unable to truncate lock file. File " + pipe, EINVAL));
 
     EXPECT_TRUE(inChild([&] {
-        ::signal(SIGXFSZ, SIG_IGN);
+        (void)std::signal(SIGXFSZ, SIG_IGN);
         const rlimit nothing{0, 0};
         ::setrlimit(RLIMIT_FSIZE, &nothing);
         const std::string path = dir / "lock";

@@ -60,7 +60,7 @@ public:
     explicit MultiPrinter(std::vector<Logger::Printer> printers);
 
     /// @throws std::bad_function_call  at a printer that is empty; those after it do not get the message
-    void operator()(std::string message, Logger::Level level, std::chrono::system_clock::time_point when) const;
+    void operator()(const std::string& message, Logger::Level level, std::chrono::system_clock::time_point when) const;
 
 private:
     std::vector<Logger::Printer> m_printers;
@@ -76,7 +76,7 @@ public:
     /// @param printers  an empty one counts as one that cannot print; one that throws does not: the exception passes
     explicit FailsafePrinter(std::vector<FalliblePrinter> printers);
 
-    void operator()(std::string message, Logger::Level level, std::chrono::system_clock::time_point when) const;
+    void operator()(const std::string& message, Logger::Level level, std::chrono::system_clock::time_point when) const;
 
 private:
     std::vector<FalliblePrinter> m_printers;

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
@@ -16,8 +17,8 @@
 
 namespace {
 
-int g_opens = 0;
-int g_inheritableOpens = 0;
+std::atomic<int> g_opens = 0;
+std::atomic<int> g_inheritableOpens = 0;
 
 } // namespace
 

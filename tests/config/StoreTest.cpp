@@ -1,0 +1,337 @@
+#include "Support.h"
+#include "agent/Config.h"
+#include "agent/JSONConfigDataProvider.h"
+#include "agent/TelemetryStore.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <random>
+#include <regex>
+
+namespace {
+
+/// The calls of a rewrite that change something, counted; the one of a number can kill the process or fail.
+struct Torture {
+    int calls = 0;
+    int killAt = 0;
+    int failAt = 0;
+} g_torture;
+
+bool fails()
+{
+    ++g_torture.calls;
+    if (g_torture.calls == g_torture.killAt) ::_exit(77);
+    if (g_torture.calls != g_torture.failAt) return false;
+    errno = ENOSPC;
+    return true;
+}
+
+template <typename... Arguments>
+long call(long number, Arguments... arguments)
+{
+    return fails() ? -1 : ::syscall(number, arguments...);
+}
+
+} // namespace
+
+// The library's calls come here first.
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name,cert-dcl50-cpp): the system's declarations
+extern "C" {
+AGENTKIT_API int mkostemp64(char* name, int flags)
+{
+    static auto* const real = reinterpret_cast<int (*)(char*, int)>(::dlsym(RTLD_NEXT, "mkostemp64"));
+    return fails() ? -1 : real(name, flags);
+}
+AGENTKIT_API int mkostemp(char* name, int flags)
+{
+    return mkostemp64(name, flags);
+}
+AGENTKIT_API ssize_t write(int fd, const void* data, size_t size)
+{
+    return call(SYS_write, fd, data, g_torture.failAt != 0 || g_torture.killAt != 0 ? (size + 1) / 2 : size);
+}
+AGENTKIT_API int fsync(int fd)
+{
+    return static_cast<int>(call(SYS_fsync, fd));
+}
+AGENTKIT_API int fchmod(int fd, mode_t mode) noexcept
+{
+    return static_cast<int>(call(SYS_fchmod, fd, mode));
+}
+AGENTKIT_API int fchown(int fd, uid_t user, gid_t group) noexcept
+{
+    return static_cast<int>(call(SYS_fchown, fd, user, group));
+}
+AGENTKIT_API int rename(const char* from, const char* to) noexcept
+{
+    return static_cast<int>(call(SYS_rename, from, to));
+}
+}
+// NOLINTEND(readability-inconsistent-declaration-parameter-name,cert-dcl50-cpp)
+
+namespace agent {
+namespace {
+
+using nlohmann::json;
+using test::contentOf;
+using test::thrownBy;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+class StoreTest : public testing::Test {
+protected:
+    ~StoreTest() override
+    {
+        g_torture = {};
+        EXPECT_EQ(test::openDescriptors(), m_descriptors);
+    }
+
+    json stored() const { return json::parse(contentOf(m_path)); }
+    static mode_t modeOf(const std::string& path)
+    {
+        struct stat status {};
+        return ::lstat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
+    }
+    std::size_t filesThere() const
+    {
+        const std::filesystem::directory_iterator all(m_dir.path());
+        return static_cast<std::size_t>(std::distance(begin(all), end(all)));
+    }
+
+    decltype(test::openDescriptors()) m_descriptors = test::openDescriptors();
+    test::TempDir m_dir;
+    std::string m_path = m_dir / "store.json";
+};
+
+TEST_F(StoreTest, FindsAndSetsDottedKeys)
+{
+    (void)m_dir.file(
+        "store.json", R"({"a.b": 1, "a": {"b": 2, "c.d": 3, "c": {"d": 4, "e": 5}}, "n": null, "s": "x"})");
+    JSONConfigDataProvider store(m_path, true);
+    for (const auto& [key, value] : std::vector<std::pair<std::string, json>>{{"a.b", 1}, {"a.c.d", 3}, {"a.c.e", 5},
+             {"n", nullptr}, {"s", "x"}, {"s.x", nullptr}, {"a.", nullptr}, {".a", nullptr}, {"", nullptr}})
+        EXPECT_EQ(store.get(key), value) << key;
+
+    store.set("a.c.e", 6);
+    store.set("new.member.of", json::array({1}));
+    EXPECT_EQ(stored(), json::parse(R"({"a.b": 1, "a": {"b": 2, "c.d": 3, "c": {"d": 4, "e": 6}}, "n": null, "s": "x",
+        "new": {"member": {"of": [1]}}})"));
+    const std::string before = contentOf(m_path);
+    EXPECT_EQ(thrownBy([&] { store.set("s.x", 1); }),
+        "runtime: \"" + m_path + "\" cannot hold \"s.x\": a part of it names string, no object");
+    EXPECT_THAT(thrownBy([&] { store.set("s", "\xFF"); }), StartsWith("runtime: \"" + m_path));
+    EXPECT_THAT(thrownBy([&] { store.setDocument(json::array()); }), StartsWith("runtime: \"" + m_path));
+    EXPECT_EQ(contentOf(m_path), before);
+    EXPECT_EQ(store.get("s"), "x");
+    EXPECT_EQ(JSONConfigDataProvider(m_path, true).document(), store.document());
+}
+
+TEST_F(StoreTest, RefusesWhatIsNoObjectAndLeavesItAlone)
+{
+    const auto nested = [](std::size_t levels) {
+        return "{\"a\":" + std::string(levels - 1, '[') + std::string(levels - 1, ']') + "}";
+    };
+    for (const std::string& text : {std::string(), std::string("[]"), std::string("null"), std::string("{"),
+             std::string("{} x"), std::string("{\"a\":\"\xC3\"}"), std::string("{\"a\":1e999}"), std::string("\0{}", 3),
+             nested(513), nested(1'000'000)}) {
+        (void)m_dir.file("store.json", text);
+        EXPECT_THAT(
+            thrownBy([&] { JSONConfigDataProvider(m_path, false); }), StartsWith("runtime: \"" + m_path + "\" "));
+        EXPECT_EQ(contentOf(m_path), text);
+    }
+    (void)m_dir.file("store.json", nested(512));
+    JSONConfigDataProvider store(m_path, true);
+    json deep = 1;
+    for (int i = 0; i < 512; ++i) deep = json::array({std::move(deep)});
+    EXPECT_THAT(thrownBy([&] { store.set("b", deep); }), HasSubstr("nests deeper than 512 levels"));
+    EXPECT_EQ(contentOf(m_path), nested(512));
+
+    EXPECT_EQ(thrownBy([&] { JSONConfigDataProvider(m_dir / "no", true); }),
+        std::string("posix: ") + PosixError("open(\"" + (m_dir / "no") + "\") failed", ENOENT).what());
+    EXPECT_THAT(thrownBy([&] { JSONConfigDataProvider(m_dir.path(), false); }), StartsWith("posix: read("));
+    EXPECT_THAT(thrownBy([&] { JSONConfigDataProvider("/dev/full/x", false); }), StartsWith("posix: open("));
+}
+
+TEST_F(StoreTest, KeepsModeAndLinkAndCreatesPrivateFiles)
+{
+    const mode_t mask = ::umask(0);
+    JSONConfigDataProvider(m_path, false).set("a", 1);
+    ::umask(mask);
+    EXPECT_EQ(modeOf(m_path), 0600U);
+    ::chmod(m_path.c_str(), 0644);
+    const std::string link = m_dir / "link";
+    ASSERT_EQ(::symlink("store.json", link.c_str()), 0);
+    JSONConfigDataProvider(link, true).set("a", 2);
+    EXPECT_EQ(modeOf(m_path), 0644U);
+    EXPECT_EQ(modeOf(link), 0777U) << "still a link";
+    EXPECT_EQ(stored(), json::parse(R"({"a": 2})"));
+
+    ASSERT_EQ(::unlink(m_path.c_str()), 0);
+    JSONConfigDataProvider dangling(link, false);
+    EXPECT_THAT(thrownBy([&] { dangling.set("a", 1); }), StartsWith("posix: realpath("));
+}
+
+TEST_F(StoreTest, HoldsTheOldOrTheNewDocumentWhenItsWriterIsKilled)
+{
+    const json before{{"a", "old"}};
+    const json after{{"a", "new"}};
+    for (int n = 1, status = -1; status != 0; ++n) {
+        ASSERT_LT(n, 100);
+        (void)m_dir.file("store.json", before.dump());
+        JSONConfigDataProvider store(m_path, true);
+        const pid_t child = ::fork();
+        if (child == 0) {
+            g_torture = {.killAt = n};
+            store.set("a", "new");
+            ::_exit(0);
+        }
+        ::waitpid(child, &status, 0);
+        EXPECT_EQ(stored(), status == 0 || stored() == after ? after : before) << n;
+        ASSERT_TRUE(status == 0 || WEXITSTATUS(status) == 77);
+        if (status == 0) {
+            EXPECT_GE(n, 9) << "each kind of call was hit";
+            EXPECT_EQ(stored(), after);
+        }
+    }
+}
+
+TEST_F(StoreTest, AFailedRewriteLeavesNothingBehind)
+{
+    (void)m_dir.file("store.json", R"({"a": "old"})");
+    JSONConfigDataProvider store(m_path, true);
+    for (int n = 1;; ++n) {
+        g_torture = {.failAt = n};
+        const std::string failure = thrownBy([&] { store.set("a", "new"); });
+        const bool wasHit = g_torture.calls >= n;
+        g_torture = {};
+        EXPECT_EQ(filesThere(), 1U) << failure;
+        if (!wasHit) break;
+        const bool folderOnly = stored() == json{{"a", "new"}}; // the last call: all but the folder's fsync is done
+        EXPECT_THAT(failure, StartsWith("posix: "));
+        EXPECT_THAT(failure, HasSubstr(folderOnly ? "fsync(\"" + m_dir.path() : m_path));
+        EXPECT_EQ(stored(), (json{{"a", folderOnly ? "new" : "old"}})) << failure;
+        EXPECT_EQ(store.get("a"), "old");
+    }
+    EXPECT_EQ(stored(), (json{{"a", "new"}}));
+}
+
+TEST(JSONKeyValidator, SpeaksTheLanguageOfRegularExpressions)
+{
+    const std::vector<std::string> patterns{R"(\bvolumes\b\..+\.\bcowFileSizeMiB\b$)",
+        R"(\bvolumes\b\..+\.\bautoExpand\b\.\bdisable\b$)", "^a.*b$", "a.b", R"(\ba\b)", ".+", "", "$", "^",
+        R"(\b\b.*\.)"};
+    const std::vector<std::string> pieces{
+        "volumes", "cowFileSizeMiB", "autoExpand", "disable", ".", ".", "a", "b", "-", "_", "\n", "sda1", "x"};
+    std::mt19937 random(1); // NOLINT(cert-msc*): the same keys each time
+    for (const std::string& pattern : patterns) {
+        const JSONKeyValidator ours(pattern, JSONKeyValidator::Type::Bool);
+        const std::regex theirs(pattern);
+        int matches = 0;
+        for (int i = 0; i < 3'000; ++i) {
+            std::string key = i % 3 == 0 ? "volumes." : "";
+            for (auto n = random() % 7; n > 0; --n) key += pieces[random() % pieces.size()];
+            if (i % 4 == 0) key += i % 8 == 0 ? ".autoExpand.disable" : ".cowFileSizeMiB";
+            matches += ours.matches(key) ? 1 : 0;
+            ASSERT_EQ(ours.matches(key), std::regex_search(key, theirs)) << pattern << " in " << key;
+        }
+        EXPECT_GT(matches, 0) << pattern;
+    }
+    EXPECT_TRUE(JSONKeyValidator(patterns[0], JSONKeyValidator::Type::Unsigned)
+                    .matches("volumes." + std::string(1'000'000, 'x') + ".cowFileSizeMiB"));
+    for (const char* const bad : {"a+", "(a)", "[a]", "a|b", R"(\d)", "\\", ".?", ".+?", "a{2}", "*"})
+        EXPECT_THAT(thrownBy([&] { JSONKeyValidator(bad, JSONKeyValidator::Type::Bool); }),
+            HasSubstr("\"" + std::string(bad) + "\""));
+}
+
+TEST_F(StoreTest, TheConfigurationIsHeldToItsTable)
+{
+    (void)m_dir.file("store.json", R"({"volumes": {"a.b": {"cowFileSizeMiB": 7, "autoExpand": {"disable": true}},
+        "bad": {"cowFileSizeMiB": -1, "autoExpand": {"disable": 1, "stepSizeMiB": 1.5, "reservedSpaceMiB": null}}}})");
+    auto options = ConfigOptions::forVolumes();
+    options.push_back({{"^name$", JSONKeyValidator::Type::String}, "nobody"});
+    const auto store = std::make_shared<JSONConfigDataProvider>(m_path, true);
+    Config config(store, ConfigOptions(options));
+    bool flag = false;
+    unsigned long number = 99;
+    std::string text;
+    config.getValue("volumes.a.b.cowFileSizeMiB", number);
+    config.getValue("volumes.a.b.autoExpand.disable", flag);
+    config.getValue("name", text);
+    EXPECT_EQ(number, 7U);
+    EXPECT_TRUE(flag);
+    EXPECT_EQ(text, "nobody");
+    config.getValue("volumes.bad.autoExpand.reservedSpaceMiB", number);
+    EXPECT_EQ(number, 0U);
+
+    const auto fails = [&](const std::string& key, auto& value, const std::string& how) {
+        EXPECT_EQ(thrownBy([&] { config.getValue(key, value); }), how);
+    };
+    fails("volumes.sda1.size", number, "invalid argument: Unknown configuration key \"volumes.sda1.size\"");
+    const std::string step = "volumes.bad.autoExpand.stepSizeMiB";
+    fails(step, number,
+        "runtime: The value of \"" + step + "\" must be of type unsigned integer, not floating-point number");
+    fails("volumes.bad.cowFileSizeMiB", number,
+        "runtime: The value of \"volumes.bad.cowFileSizeMiB\" must be of type unsigned integer, not negative integer");
+    fails("volumes.bad.autoExpand.disable", flag,
+        "runtime: The value of \"volumes.bad.autoExpand.disable\" must be of type boolean, not unsigned integer");
+    fails("name", flag, "runtime: The value of \"name\" is of type string and was asked for as boolean");
+
+    const std::string before = contentOf(m_path);
+    EXPECT_THAT(thrownBy([&] { config.setJSON({{"name", "x"}, {"nam", "y"}}, true); }), HasSubstr("key \"nam\""));
+    EXPECT_THAT(thrownBy([&] { config.setJSON({{"name", 1}}, false); }), HasSubstr("string, not unsigned integer"));
+    EXPECT_THAT(thrownBy([&] { config.setJSON(1, false); }), HasSubstr("must be a JSON object"));
+    EXPECT_EQ(contentOf(m_path), before);
+    config.setJSON({{"name", "x"}, {"volumes", {{"bad", nullptr}}}}, false);
+    EXPECT_EQ(stored(), json::parse(R"({"name": "x", "volumes": {"a.b": {"cowFileSizeMiB": 7, "autoExpand":
+        {"disable": true}}}})"));
+    config.setJSON({{"name", "y"}}, true);
+    EXPECT_EQ(config.getJSON(), R"({"name":"y"})");
+    EXPECT_THAT(thrownBy([] { ConfigOptions({{{"a", JSONKeyValidator::Type::Bool}, 1}}); }), HasSubstr("(default)"));
+}
+
+TEST_F(StoreTest, TelemetryTellsWhatChanged)
+{
+    const std::string directory = m_dir / "new/telemetry";
+    test::CapturingLogger log;
+    TelemetryStore store(directory, log.logger());
+    store.resetTelemetryData();
+    const json first{{"sshd", {{"pid", 1}}}, {"cron", {{"pid", 2}}}};
+    const json second{{"sshd", {{"pid", 7}}}};
+
+    auto [patch, existed] = store.diffAndUpdateServices(first);
+    EXPECT_EQ(patch, json::parse(R"([{"op": "replace", "path": "", "value": )" + first.dump() + "}]"));
+    EXPECT_FALSE(existed);
+    EXPECT_EQ(json::parse(contentOf(directory + "/Services.json"))["data"], first);
+    std::tie(patch, existed) = std::pair(store.diffAndUpdateServices(first).patch, true);
+    EXPECT_EQ(patch, json::array());
+
+    const auto changed = store.diffAndUpdateServices(second);
+    EXPECT_TRUE(changed.existed);
+    EXPECT_EQ(changed.patch.size(), 2U);
+    EXPECT_EQ(first.patch(changed.patch), second);
+    EXPECT_FALSE(store.diffAndUpdateInstalledPrograms(second).existed);
+    EXPECT_EQ(json::parse(contentOf(directory + "/InstalledPrograms.json"))["data"], second);
+
+    store.resetServicesData();
+    EXPECT_FALSE(store.diffAndUpdateServices({}).existed);
+    store.resetTelemetryData();
+    EXPECT_TRUE(std::filesystem::is_empty(directory));
+    EXPECT_TRUE(log.lines().empty());
+
+    const std::string blocked = m_dir.file("file", "") + "/below";
+    const auto nothing = TelemetryStore(blocked, log.logger()).diffAndUpdateServices(first);
+    EXPECT_TRUE(nothing.patch.is_null());
+    EXPECT_FALSE(nothing.existed);
+    ASSERT_EQ(log.lines().size(), 1U);
+    EXPECT_THAT(log.lines()[0], StartsWith("1 Could not create Telemetry dir: '" + blocked + "'. Error: "));
+}
+
+} // namespace
+} // namespace agent

@@ -1,0 +1,359 @@
+#include "agent/Zip.h"
+
+#include "archive/Entry.h"
+
+#include "agent/File.h"
+#include "agent/PosixError.h"
+#include "agent/dir/Operations.h"
+#include "agent/file/Operations.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+#include <unzip.h>
+#include <zip.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <limits>
+#include <optional>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+namespace agent {
+
+using info::Logger;
+
+namespace {
+
+constexpr std::size_t kCopyBuffer = 1'048'576; // bytes
+
+/// Deflate makes at most 1,032 bytes of one.
+constexpr unsigned long kMostExpansion = 1032;
+
+// As minizip opens files itself, but close-on-exec.
+voidpf openCloseOnExec(voidpf /*opaque*/, const void* name, int mode)
+{
+    const char* how = nullptr;
+    if ((mode & ZLIB_FILEFUNC_MODE_READWRITEFILTER) == ZLIB_FILEFUNC_MODE_READ) {
+        how = "rbe";
+    } else {
+        how = (mode & ZLIB_FILEFUNC_MODE_EXISTING) != 0 ? "r+be" : "wbe";
+    }
+    return std::fopen(static_cast<const char*>(name), how);
+}
+
+zlib_filefunc64_def fileFunctions()
+{
+    zlib_filefunc64_def functions{};
+    fill_fopen64_filefunc(&functions);
+    functions.zopen64_file = openCloseOnExec;
+    return functions;
+}
+
+[[noreturn]] void fail(const std::string& what)
+{
+    throw std::runtime_error(what);
+}
+
+std::optional<struct stat64> statOf(const Path& path)
+{
+    struct stat64 status {};
+    if (::stat64(path.u8string().c_str(), &status) != 0) return std::nullopt;
+    return status;
+}
+
+// --- writing ----------------------------------------------------------------------------------------
+
+/// An archive that is being written. Closed by its destructor if need be, which logs a failure; and removed then, since
+/// it is not complete: an archive that looks whole and is not must not be kept for one.
+class ArchiveWriter {
+public:
+    ArchiveWriter(Logger& logger, const Path& archive)
+        : m_logger(logger)
+        , m_path(archive)
+        , m_name(archive.u8string())
+    {
+        zlib_filefunc64_def functions = fileFunctions();
+        m_zip = zipOpen2_64(m_name.c_str(), APPEND_STATUS_CREATE, nullptr, &functions);
+        if (m_zip == nullptr) fail("Could not open zip archive " + m_name);
+    }
+    ArchiveWriter(const ArchiveWriter&) = delete;
+    ArchiveWriter& operator=(const ArchiveWriter&) = delete;
+    ~ArchiveWriter()
+    {
+        if (m_isComplete) return;
+        if (m_hasOpenEntry) report("Exception while closing current file in zip: ", zipCloseFileInZip(m_zip));
+        if (m_zip != nullptr) report("Exception while closing zip file: ", zipClose(m_zip, nullptr));
+        const auto status = statOf(m_path);
+        if (status && S_ISREG(status->st_mode)) (void)::unlink(m_name.c_str()); // best effort
+    }
+
+    void add(const std::string& name, const Path& source, int level, std::vector<char>& buffer)
+    {
+        const auto size = sizeOf(source);
+        const File file = openSource(source);
+        const std::string where = source.u8string() + " in archive " + m_name + " err: ";
+        if (const int status = openEntry(name, size, level); status != ZIP_OK)
+            fail("Could not open zip archive for writing file " + where + std::to_string(status));
+        m_hasOpenEntry = true;
+        int status = copy(file, buffer);
+        if (status == ZIP_OK) {
+            m_hasOpenEntry = false;
+            status = zipCloseFileInZip(m_zip);
+        }
+        if (status != ZIP_OK) fail("Failed to write data from file " + where + std::to_string(status));
+    }
+
+    void close()
+    {
+        // The library frees the archive in any case: what fails here is not closed a second time.
+        if (zipClose(std::exchange(m_zip, nullptr), nullptr) != ZIP_OK)
+            fail("Failed to close zip file archive " + m_name);
+        m_isComplete = true;
+    }
+
+private:
+    unsigned long sizeOf(const Path& source) const
+    {
+        const auto status = statOf(source);
+        const auto archive = statOf(m_path);
+        const bool isArchive =
+            status && archive && status->st_dev == archive->st_dev && status->st_ino == archive->st_ino;
+        // An archive that packs itself would never end.
+        if (!status || isArchive) fail("Could not open file for reading: " + source.u8string());
+        return static_cast<unsigned long>(status->st_size);
+    }
+
+    File openSource(const Path& source) const
+    {
+        try {
+            return File(m_logger, source, FileOpenMode::Read);
+        } catch (const PosixError&) {
+            fail("Could not open file for reading: " + source.u8string());
+        }
+    }
+
+    int openEntry(const std::string& name, unsigned long size, int level)
+    {
+        constexpr std::size_t kLongestName = 0xFFFF; // its length has 16 bits
+        if (name.size() > kLongestName || name.find('\0') != std::string::npos) return ZIP_PARAMERROR;
+        const zip_fileinfo noTimeNorAttributes{};
+        const int isZip64 = size >= 0xFFFFFFFF ? 1 : 0;
+        return zipOpenNewFileInZip3_64(m_zip, name.c_str(), &noTimeNorAttributes, nullptr, 0, nullptr, 0,
+            "KestaArchive", Z_DEFLATED, level, 0, -MAX_WBITS, DEF_MEM_LEVEL, Z_DEFAULT_STRATEGY, nullptr, 0, isZip64);
+    }
+
+    int copy(const File& file, std::vector<char>& buffer)
+    {
+        try {
+            while (const long got = file.read(buffer.data(), static_cast<long>(buffer.size()))) {
+                const int status = zipWriteInFileInZip(m_zip, buffer.data(), static_cast<unsigned int>(got));
+                if (status != ZIP_OK) return status;
+            }
+            return ZIP_OK;
+        } catch (const PosixError& e) {
+            return e.code();
+        }
+    }
+
+    void report(const char* what, int status)
+    {
+        if (status != ZIP_OK) Logger::Entry(m_logger, Logger::ERROR) << what << status;
+    }
+
+    Logger& m_logger;
+    Path m_path;
+    std::string m_name;
+    zipFile m_zip = nullptr;
+    bool m_hasOpenEntry = false;
+    bool m_isComplete = false;
+};
+
+// --- reading ----------------------------------------------------------------------------------------
+
+struct CloseArchive {
+    void operator()(void* archive) const noexcept { (void)unzClose(archive); }
+};
+using ArchiveReader = std::unique_ptr<void, CloseArchive>;
+
+/// What the archive's directory says of an entry.
+struct Listing {
+    unz_file_info64 info{};
+    std::string name;
+};
+
+int readListing(unzFile archive, Listing& listing)
+{
+    constexpr std::size_t kUsualName = 260;
+    listing.name.assign(kUsualName, '\0');
+    const auto ask = [&] {
+        return unzGetCurrentFileInfo64(
+            archive, &listing.info, listing.name.data(), listing.name.size(), nullptr, 0, nullptr, 0);
+    };
+    int status = ask();
+    const std::size_t length = listing.info.size_filename;
+    if (status == UNZ_OK && length > kUsualName) {
+        listing.name.assign(length, '\0');
+        status = ask();
+    }
+    listing.name.resize(length); // the library ends only those names with a NUL that leave room for it
+    return status;
+}
+
+bool leavesDestination(const std::string& name, const Path& destination)
+{
+    if (name.starts_with('/') && destination == Path()) return true;
+    constexpr const char* kSeparators = "/\\";
+    for (std::size_t start = 0; start <= name.size();) {
+        const std::size_t end = std::min(name.find_first_of(kSeparators, start), name.size());
+        if (name.compare(start, end - start, "..") == 0) return true;
+        start = end + 1;
+    }
+    return false;
+}
+
+// Before anything is written. What is refused here is no archive that a program has written.
+void refuseHostile(const Listing& listing, const Path& destination)
+{
+    if (listing.name.find('\0') != std::string::npos)
+        fail("Entry name holds a NUL: " + listing.name.substr(0, listing.name.find('\0')));
+    if (leavesDestination(listing.name, destination)) fail("Entry name leaves the destination: " + listing.name);
+    const unz_file_info64& info = listing.info;
+    if (info.uncompressed_size / kMostExpansion > info.compressed_size)
+        fail("Failed to read data from archive for file " + listing.name);
+}
+
+// Entries that share their data could unpack to any size: together they must fit into the archive.
+void refuseOverlaps(unzFile archive, unsigned long archiveSize)
+{
+    unsigned long left = archiveSize;
+    Listing listing;
+    for (int status = unzGoToFirstFile(archive); status == UNZ_OK; status = unzGoToNextFile(archive)) {
+        if (readListing(archive, listing) != UNZ_OK) return; // told when its turn comes
+        if (listing.info.compressed_size > left) fail("Failed to read data from archive for file " + listing.name);
+        left -= listing.info.compressed_size;
+    }
+}
+
+void makeDirectory(Logger& logger, const Path& directory)
+{
+    if (file::exists(directory)) fail("Cannot create directory " + directory.u8string() + ", file of same name exists");
+    Logger::Entry(logger, Logger::INFO) << "Creating directory " << directory.u8string();
+    dir::make(directory, true);
+}
+
+std::unique_ptr<archive::Entry> openEntry(unzFile archive, const Listing& listing, const std::string& password)
+{
+    constexpr unsigned long kEncrypted = 1; // flag
+    constexpr unsigned long kAes = 99;      // method
+    const bool isEncrypted = (listing.info.flag & kEncrypted) != 0;
+    if (isEncrypted && listing.info.compression_method == kAes)
+        fail("Failed to open file in archive. AES encryption is not supported: " + listing.name);
+
+    int status = UNZ_OK;
+    auto entry = isEncrypted ? archive::openEncryptedEntry(archive, listing.info, password, status)
+                             : archive::openPlainEntry(archive, status);
+    if (status == archive::kBadPassword)
+        fail("Failed to open file in archive due to bad password. Error Code: " + std::to_string(status));
+    if (!entry) fail("Failed to open file in archive. Error Code: " + std::to_string(status));
+    return entry;
+}
+
+void copyEntry(Logger& logger, archive::Entry& entry, const Listing& listing, const Path& target)
+{
+    const auto refuseTarget = [&] { fail("Failed to write file during decompression: " + target.u8string()); };
+    const auto refuseEntry = [&] { fail("Failed to read data from archive for file " + listing.name); };
+    std::vector<char> buffer(kCopyBuffer);
+    unsigned long left = listing.info.uncompressed_size;
+    try {
+        const File file(logger, target, FileOpenMode::Write | FileOpenMode::Create);
+        while (const long got = entry.read(buffer.data(), buffer.size())) {
+            if (got < 0 || static_cast<unsigned long>(got) > left) refuseEntry();
+            left -= static_cast<unsigned long>(got);
+            file.write(buffer.data(), static_cast<unsigned long>(got));
+        }
+    } catch (const PosixError&) {
+        refuseTarget();
+    }
+    if (!entry.close() || left != 0) refuseEntry();
+}
+
+} // namespace
+
+Zip::Zip(Logger& logger)
+    : m_logger(logger)
+{
+}
+
+void Zip::compress(const std::unordered_map<std::string, Path>& files, const Path& archive, int level) const
+{
+    Logger::Entry(m_logger, Logger::DEBUG) << "Creating zip archive " << archive.u8string();
+    ArchiveWriter writer(m_logger, archive);
+    std::vector<char> buffer(kCopyBuffer);
+    for (const auto& [name, source] : files) writer.add(name, source, level, buffer);
+    writer.close();
+}
+
+void Zip::decompress(
+    const Path& archive, const Path& destination, const std::string& password, bool overwrite, bool keepBoth) const
+{
+    const std::string& name = archive.u8string();
+    Logger::Entry(m_logger, Logger::DEBUG) << "Extracting zip archive " << name << " at " << destination.u8string();
+    zlib_filefunc64_def functions = fileFunctions();
+    const ArchiveReader reader(unzOpen2_64(name.c_str(), &functions));
+    const auto status = statOf(archive);
+    if (!reader || !status) fail("Could not open zip archive " + name);
+    refuseOverlaps(reader.get(), static_cast<unsigned long>(status->st_size));
+
+    int result = unzGoToFirstFile(reader.get());
+    if (result != UNZ_OK) fail("Failed to get to first file in archive " + name + ", Error: " + std::to_string(result));
+    while (result == UNZ_OK) {
+        if (ExtractCurrentFile(m_logger, reader.get(), destination, password, overwrite, keepBoth) != UNZ_OK) return;
+        result = unzGoToNextFile(reader.get());
+    }
+    if (result != UNZ_END_OF_LIST_OF_FILE)
+        fail("Failed to get to next file in archive " + name + ", Error: " + std::to_string(result));
+}
+
+int ExtractCurrentFile(Logger& logger, void* archiveHandle, const Path& destination, const std::string& password,
+    bool overwrite, bool keepBoth)
+{
+    Listing listing;
+    const int status = readListing(archiveHandle, listing);
+    if (status != UNZ_OK) fail("Failed to open file in archive. Error Code: " + std::to_string(status));
+    refuseHostile(listing, destination);
+
+    Path target = destination == Path() ? Path(listing.name) : destination / listing.name;
+    const bool isDirectory =
+        listing.info.uncompressed_size == 0 && (listing.name.ends_with('/') || listing.name.ends_with('\\'));
+    if (isDirectory) {
+        makeDirectory(logger, target);
+        return UNZ_OK;
+    }
+    const Path parent = target.filePath();
+    if (parent != Path() && !dir::isDirectory(parent)) makeDirectory(logger, parent);
+
+    bool exists = file::exists(target);
+    if (exists && keepBoth) {
+        target = file::renameDuplicatePath(target);
+        exists = false;
+    }
+    if (exists && !overwrite) {
+        Logger::Entry(logger, Logger::DEBUG)
+            << target.u8string() << " already exists, not overwriting or extracting copy.";
+        return UNZ_OK;
+    }
+    // Opened before the existing file is emptied: a wrong password destroys nothing.
+    const auto entry = openEntry(archiveHandle, listing, password);
+    if (exists) file::truncate(target, 0);
+    try {
+        copyEntry(logger, *entry, listing, target);
+    } catch (...) {
+        if (!exists) (void)::unlink(target.u8string().c_str()); // best effort; half a file is worse than none
+        throw;
+    }
+    return UNZ_OK;
+}
+
+} // namespace agent

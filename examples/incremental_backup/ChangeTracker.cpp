@@ -16,8 +16,6 @@ namespace incremental_backup {
 
 namespace {
 
-constexpr unsigned long kPieceBytes = 1UL << 20;
-
 class ChangeCollector {
 public:
     void add(unsigned long block)
@@ -54,33 +52,23 @@ private:
 
 } // namespace
 
-unsigned long BlockMap::bytesIn(const agent::BlockRange& range) const
-{
-    const auto toByte = [this](
-                            unsigned long block) { return block >= blockCount() ? m_imageSize : block * m_blockSize; };
-    return toByte(range.end()) - toByte(range.start());
-}
-
-unsigned long BlockMap::blocksPerPiece() const
-{
-    return std::max(kPieceBytes / m_blockSize, 1UL);
-}
-
 std::set<agent::BlockRange> findChanges(
     const BlockMap& map, const ImageFile& previous, const ImageFile& current, const ImageFile* replica)
 {
-    Progress progress("Comparing", map.imageSize());
-    const unsigned long pieceBytes = map.blocksPerPiece() * map.blockSize();
-    std::vector<char> before(pieceBytes);
-    std::vector<char> now(pieceBytes);
+    Progress progress("Comparing", map.bytesIn(map.covered()));
+    std::vector<char> before;
+    std::vector<char> now;
     ChangeCollector changes;
-    for (unsigned long offset = 0; offset < map.imageSize(); offset += pieceBytes) {
-        const auto size = std::min(pieceBytes, map.imageSize() - offset);
+    map.forEachPiece(map.covered(), [&](const agent::BlockRange& piece) {
+        const unsigned long offset = map.offsetOf(piece.start());
+        const unsigned long size = map.bytesIn(piece);
+        before.resize(size);
+        now.resize(size);
         previous.read(offset, before.data(), size);
         if (replica != nullptr) {
             replica->read(offset, now.data(), size);
-            const auto difference = std::mismatch(now.begin(), now.begin() + static_cast<long>(size), before.begin());
-            const auto equal = static_cast<unsigned long>(difference.first - now.begin());
+            const auto equal =
+                static_cast<unsigned long>(std::mismatch(now.begin(), now.end(), before.begin()).first - now.begin());
             if (equal != size) throwNoCopy(*replica, previous, offset + equal);
         }
         current.read(offset, now.data(), size);
@@ -89,7 +77,7 @@ std::set<agent::BlockRange> findChanges(
             if (std::memcmp(&before[at], &now[at], length) != 0) changes.add((offset + at) / map.blockSize());
         }
         progress.advance(size);
-    }
+    });
     return changes.take();
 }
 

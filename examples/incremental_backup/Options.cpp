@@ -7,6 +7,7 @@
 #include <charconv>
 #include <iostream>
 #include <system_error>
+#include <utility>
 
 namespace incremental_backup {
 
@@ -26,20 +27,38 @@ std::string checkBlockSize(const std::string& text)
            std::to_string(kLargestBlock) + ", not " + text;
 }
 
+void requireImages(const Options& options)
+{
+    if (!options.printExtents.empty()) return;
+    for (const auto& [name, value] : {std::pair("--previous", &options.previous), {"--current", &options.current},
+             {"--replica", &options.replica}}) {
+        if (value->empty()) throw CLI::RequiredError(name);
+    }
+}
+
 } // namespace
 
 std::optional<int> parseOptions(int argc, char** argv, Options& options)
 {
     CLI::App app{"Brings a replica of a volume image up to date by copying only the blocks that changed."};
-    app.add_option("--previous", options.previous, "image as it was at the last backup")->required();
-    app.add_option("--current", options.current, "image as it is now")->required();
-    app.add_option("--replica", options.replica, "copy of the previous image to update; made if missing")->required();
+    app.add_option("--previous", options.previous, "image as it was at the last backup");
+    app.add_option("--current", options.current, "image as it is now");
+    app.add_option("--replica", options.replica, "copy of the previous image to update; made if missing");
     app.add_option("--block-size", options.blockSize, "bytes in a block, a power of two")
         ->check(checkBlockSize, "power of two")
         ->capture_default_str();
     app.add_flag("--lsb-first", options.lsbFirst, "least significant bit first in the change bitmap");
+    app.add_option("--exclude", options.exclude, "file with ranges of blocks to leave out, one [8, 12) a line");
+    app.add_option("--config", options.config, "JSON file with the volume's settings; sizes its copy-on-write file");
+    app.add_option("--volume", options.volume, "the volume's name in the configuration")->default_str("the image's");
+    app.add_option("--file-system", options.fileSystem, "the volume's file system, for instance vfat");
+    app.add_option("--log", options.log, "file to which all log lines are added");
+    app.add_option("--report", options.report, "zip archive to make of log, bitmap and summary");
+    app.add_option(
+        "--print-extents", options.printExtents, "print the ranges of blocks of a file, and do nothing else");
     try {
         app.parse(argc, argv);
+        requireImages(options);
     } catch (const CLI::ParseError& e) {
         if (e.get_exit_code() == 0) return app.exit(e); // --help
         std::cerr << "incremental_backup: " << e.what() << '\n';

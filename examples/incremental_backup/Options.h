@@ -5,12 +5,20 @@
 
 namespace incremental_backup {
 
+/// Names of files are empty where the option is not given.
 struct Options {
     std::string previous;           ///< image as it was at the last backup
     std::string current;            ///< image as it is now
     std::string replica;            ///< copy of `previous` to bring up to date; made if it is missing
     unsigned long blockSize = 4096; ///< bytes, a power of two
     bool lsbFirst = false;          ///< bit order of the change bitmap
+    std::string exclude;            ///< ranges of blocks to leave out
+    std::string config;             ///< configuration; sizes the volume's copy-on-write file
+    std::string volume;             ///< name of the volume in the configuration
+    std::string fileSystem;         ///< of the volume
+    std::string log;                ///< takes all log lines
+    std::string report;             ///< archive to make of log, bitmap and summary
+    std::string printExtents;       ///< file whose ranges to print, instead of a backup
 };
 
 /// Reads the command line into `options`.

@@ -55,17 +55,15 @@ void Replicator::copyRanges(const ImageFile& current, const ImageFile& replica)
 {
     m_totals = {};
     m_blockChecksums.clear();
-    Progress progress(
-        "Copying", std::accumulate(m_ranges.begin(), m_ranges.end(), 0UL,
-                       [this](unsigned long sum, const BlockRange& range) { return sum + m_map.bytesIn(range); }));
+    Progress progress("Copying", m_map.bytesIn(m_ranges));
     std::vector<char> buffer;
-    forEachPiece([&](const BlockRange& piece) {
+    m_map.forEachPiece(m_ranges, [&](const BlockRange& piece) {
         readPiece(current, piece, buffer);
         for (unsigned long block = 0; block < piece.count(); ++block) {
             m_blockChecksums.push_back(checksum(buffer, block));
         }
         const unsigned long bytes = m_map.bytesIn(piece);
-        replica.write(piece.start() * m_map.blockSize(), buffer.data(), bytes);
+        replica.write(m_map.offsetOf(piece.start()), buffer.data(), bytes);
         m_totals.blocks += piece.count();
         m_totals.bytes += bytes;
         progress.advance(bytes);
@@ -80,23 +78,24 @@ std::string Replicator::verify(const ImageFile& current, const ImageFile& replic
 
 std::string Replicator::compareBytes(const ImageFile& current, const ImageFile& replica) const
 {
-    Progress progress("Verifying", m_map.imageSize());
-    const unsigned long pieceBytes = m_map.blocksPerPiece() * m_map.blockSize();
-    std::vector<char> expected(pieceBytes);
-    std::vector<char> found(pieceBytes);
-    for (unsigned long offset = 0; offset < m_map.imageSize(); offset += pieceBytes) {
-        const auto size = std::min(pieceBytes, m_map.imageSize() - offset);
+    Progress progress("Verifying", m_map.bytesIn(m_map.covered()));
+    std::string difference;
+    std::vector<char> expected;
+    std::vector<char> found;
+    m_map.forEachPiece(m_map.covered(), [&](const BlockRange& piece) {
+        const unsigned long offset = m_map.offsetOf(piece.start());
+        const unsigned long size = m_map.bytesIn(piece);
+        expected.resize(size);
+        found.resize(size);
         current.read(offset, expected.data(), size);
         replica.read(offset, found.data(), size);
-        const auto end = expected.begin() + static_cast<long>(size);
-        const auto at = std::mismatch(expected.begin(), end, found.begin()).first;
-        if (at != end) {
-            return "\"" + replica.path() + "\" differs from \"" + current.path() + "\" at byte " +
-                   std::to_string(offset + static_cast<unsigned long>(at - expected.begin()));
-        }
+        const auto at = std::mismatch(expected.begin(), expected.end(), found.begin()).first;
+        if (at != expected.end() && difference.empty())
+            difference = "\"" + replica.path() + "\" differs from \"" + current.path() + "\" at byte " +
+                         std::to_string(offset + static_cast<unsigned long>(at - expected.begin()));
         progress.advance(size);
-    }
-    return "";
+    });
+    return difference;
 }
 
 std::string Replicator::compareChecksums(const ImageFile& replica) const
@@ -104,7 +103,7 @@ std::string Replicator::compareChecksums(const ImageFile& replica) const
     std::string difference;
     std::vector<char> buffer;
     auto expected = m_blockChecksums.begin();
-    forEachPiece([&](const BlockRange& piece) {
+    m_map.forEachPiece(m_ranges, [&](const BlockRange& piece) {
         readPiece(replica, piece, buffer);
         for (unsigned long block = 0; block < piece.count(); ++block) {
             if (checksum(buffer, block) == *expected++ || !difference.empty()) continue;
@@ -115,20 +114,11 @@ std::string Replicator::compareChecksums(const ImageFile& replica) const
     return difference;
 }
 
-void Replicator::forEachPiece(const PieceHandler& handle) const
-{
-    for (const BlockRange& range : m_ranges) {
-        for (unsigned long block = range.start(); block < range.end(); block += m_map.blocksPerPiece()) {
-            handle(BlockRange(block, std::min(m_map.blocksPerPiece(), range.end() - block)));
-        }
-    }
-}
-
 // Whole blocks in any case: where the image ends within its last block, zeros follow.
 void Replicator::readPiece(const ImageFile& image, const BlockRange& piece, std::vector<char>& buffer) const
 {
     buffer.assign(piece.count() * m_map.blockSize(), '\0');
-    image.read(piece.start() * m_map.blockSize(), buffer.data(), m_map.bytesIn(piece));
+    image.read(m_map.offsetOf(piece.start()), buffer.data(), m_map.bytesIn(piece));
 }
 
 std::uint32_t Replicator::checksum(std::vector<char>& piece, unsigned long blockInPiece) const

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "ChangeTracker.h"
+#include "BlockMap.h"
 #include "ImageFile.h"
 
 #include "agent/BlockRange.h"
@@ -8,7 +8,6 @@
 #include "agent/info/Logger.h"
 
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -36,8 +35,8 @@ public:
     /// @throws std::runtime_error  with the cause, and with how much of the replica is up to date
     void apply(const ImageFile& current, const ImageFile& replica);
 
-    /// Compares the replica with the current image byte by byte, and its changed blocks with their
-    /// checksums.
+    /// Compares the covered blocks of the replica with the current image byte by byte, and its changed blocks
+    /// with their checksums.
     /// @return  empty, or what differs
     std::string verify(const ImageFile& current, const ImageFile& replica) const;
 
@@ -45,10 +44,7 @@ public:
     const Totals& totals() const { return m_totals; }
 
 private:
-    using PieceHandler = std::function<void(const agent::BlockRange& piece)>;
-
     void copyRanges(const ImageFile& current, const ImageFile& replica);
-    void forEachPiece(const PieceHandler& handle) const;
     void readPiece(const ImageFile& image, const agent::BlockRange& piece, std::vector<char>& buffer) const;
     std::uint32_t checksum(std::vector<char>& piece, unsigned long blockInPiece) const;
     std::string compareBytes(const ImageFile& current, const ImageFile& replica) const;

@@ -9,34 +9,62 @@ trap 'rm -rf "$work"' EXIT
 cd "$work"
 
 step() { printf '\n\033[1m%s\033[0m\n' "$*"; }
+show() { echo "$ incremental_backup $*" && "$program" "$@"; }
 
 step "1. A volume of 256 MiB with real files"
 mkdir -p files/documents files/mail
 head -c 20M /dev/urandom >files/documents/photos.bin
 seq 1 500000 >files/documents/ledger.txt
 for i in $(seq 1 200); do echo "Message $i" >"files/mail/$i.eml"; done
-mkfs.ext4 -q -d files old.img 256M
+mkfs.ext4 -q -b 4096 -d files old.img 256M
 cp --sparse=always old.img new.img
 
-step "2. A day goes by: files are added, rewritten and deleted"
+step "2. A day goes by: files are added, rewritten and deleted, and a snapshot file grows"
 seq 250000 900000 >ledger.txt
 head -c 5M /dev/urandom >video.bin
+head -c 9M /dev/urandom >snapshot.cow
 debugfs -w -f /dev/stdin new.img >/dev/null 2>debugfs.log <<'EOT'
 rm documents/ledger.txt
 write ledger.txt documents/ledger.txt
 write video.bin documents/video.bin
+write snapshot.cow snapshot.cow
 rm mail/17.eml
 rm mail/18.eml
 EOT
 e2fsck -fn new.img >/dev/null 2>&1
 if cmp -s old.img new.img; then echo "nothing changed" >&2 && exit 1; fi
 
-step "3. The backup carries over what changed"
-echo "$ incremental_backup --previous old.img --current new.img --replica replica.img"
-"$program" --previous old.img --current new.img --replica replica.img
+step "3. The backup sizes the snapshot's file, carries over what changed, and reports"
+cat >agent.json <<'EOT'
+{"volumes": {"sda1": {"cowFileSizeMiB": 24, "autoExpand": {"reservedSpaceMiB": 32}}}}
+EOT
+cat agent.json
+show --previous old.img --current new.img --replica replica.img \
+    --config agent.json --volume sda1 --log backup.log --report report.zip
 
 step "4. The proof"
 cmp new.img replica.img && echo "cmp: the replica equals the volume, byte for byte"
 e2fsck -fn replica.img
 debugfs -R 'cat documents/ledger.txt' replica.img 2>/dev/null | cmp - ledger.txt
 echo "The day's ledger was read back from the replica."
+
+step "5. The report, unpacked again"
+unzip -q report.zip -d report
+ls -l report
+cmp report/backup.log <(head -n "$(wc -l <report/backup.log)" backup.log)
+head -n 4 report/backup.log
+
+step "6. The same without the snapshot's own file"
+debugfs -R 'blocks snapshot.cow' new.img 2>/dev/null | tr ' ' '\n' | awk 'NF {
+    if ($1 == end) { end++ } else { if (end) print "[" start ", " end ")"; start = $1; end = $1 + 1 }
+} END { print "[" start ", " end ")" }' >ranges.txt
+cat ranges.txt
+show --previous old.img --current new.img --replica replica2.img --exclude ranges.txt
+debugfs -R 'cat documents/ledger.txt' replica2.img 2>/dev/null | cmp - ledger.txt
+if debugfs -R 'cat snapshot.cow' replica2.img 2>/dev/null | cmp -s - snapshot.cow; then
+    echo "the snapshot's file was copied" >&2 && exit 1
+fi
+echo "The ledger is in the replica, the snapshot's file is not."
+
+step "7. The blocks of a file, in the form that --exclude takes"
+if show --print-extents new.img >extents.txt; then head -n 5 extents.txt; else echo "(this file system tells none)"; fi

@@ -1,24 +1,34 @@
 // Embeds the library as a backup agent would: learns which blocks of a volume image changed, keeps them in a
-// change bitmap, finds the changed ranges in it, and carries them over to a replica.
+// change bitmap, finds the changed ranges in it, carries them over to a replica, and reports.
 
+#include "BlockMap.h"
 #include "ChangeTracker.h"
+#include "CowFile.h"
 #include "ImageFile.h"
+#include "LogPrinter.h"
 #include "Options.h"
 #include "Replicator.h"
 
+#include "agent/FileWriters.h"
 #include "agent/Format.h"
 #include "agent/Path.h"
 #include "agent/ScopeExit.h"
+#include "agent/Zip.h"
+#include "agent/core/block/Extents.h"
 #include "agent/crc32c.h"
 #include "agent/file/Operations.h"
 #include "agent/info/Logger.h"
 
 #include <cstdlib>
 #include <exception>
+#include <functional>
 #include <iomanip>
 #include <iostream>
 #include <optional>
+#include <sstream>
 #include <stdexcept>
+#include <utility>
+#include <vector>
 
 namespace incremental_backup {
 
@@ -28,20 +38,12 @@ using agent::info::Logger;
 
 constexpr int kBadInput = 2;       // nothing was done, or the message tells how far the replica got
 constexpr int kReplicaDiffers = 1; // the replica was written but is not what it should be
+constexpr int kZipLevel = 6;
 
 class ReplicaDiffers : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
-
-void print(const std::string& text, Logger::Level level, std::chrono::system_clock::time_point /*when*/)
-{
-    if (level <= Logger::WARNING) {
-        std::cerr << text;
-    } else if (level == Logger::INFO) {
-        std::cout << text;
-    }
-}
 
 // The dispatcher does not tell its choice, but the instruction works on whole words only and so leaves the
 // ninth byte out.
@@ -65,25 +67,73 @@ void refuseOtherSize(const ImageFile& image, const ImageFile& previous)
                                 " bytes, \"" + image.path() + "\" has " + std::to_string(image.size()));
 }
 
-void printSummary(const BlockMap& map, const Replicator& replicator, Logger& logger)
+std::string summaryOf(const BlockMap& map, const Replicator& replicator)
 {
     const Totals& totals = replicator.totals();
     const double megabytes = static_cast<double>(totals.bytes) / 1e6;
-    Logger::Entry(logger, Logger::INFO) << "Ranges:   " << replicator.ranges().size() << '\n'
-                                        << "Blocks:   " << totals.blocks << " of " << map.blockCount() << ", "
-                                        << map.blockSize() << " bytes each\n"
-                                        << "Bytes:    " << totals.bytes << " (" << agent::formatBytes(totals.bytes, 1)
-                                        << ")\n"
-                                        << "Speed:    " << std::fixed << std::setprecision(1)
-                                        << (totals.seconds > 0 ? megabytes / totals.seconds : 0.0) << " MB/s\n"
-                                        << "Checksum: " << checksumRoutine();
+    std::ostringstream summary;
+    summary << "Ranges:   " << replicator.ranges().size() << '\n'
+            << "Blocks:   " << totals.blocks << " of " << map.blockCount() << ", " << map.blockSize() << " bytes each\n"
+            << "Excluded: " << agent::formatBytes(map.imageSize() - map.bytesIn(map.covered()), 1) << '\n'
+            << "Bytes:    " << totals.bytes << " (" << agent::formatBytes(totals.bytes, 1) << ")\n"
+            << "Speed:    " << std::fixed << std::setprecision(1)
+            << (totals.seconds > 0 ? megabytes / totals.seconds : 0.0) << " MB/s\n"
+            << "Checksum: " << checksumRoutine();
+    return summary.str();
 }
 
-void run(const Options& options, Logger& logger)
+/// A file in the temporary directory that goes with the scope.
+class TemporaryFile {
+public:
+    TemporaryFile(Logger& logger, const std::string& prefix)
+        : m_path(agent::file::getTempFile(prefix))
+        , m_remove([path = m_path] { agent::file::remove(path, false); },
+              [&logger](const std::exception_ptr& e) { Logger::Entry(logger, Logger::WARNING) << agent::eptr_str(e); })
+    {
+    }
+    const agent::Path& path() const { return m_path; }
+
+private:
+    agent::Path m_path;
+    agent::scope_exit<std::function<void()>, std::function<void(const std::exception_ptr&)>> m_remove;
+};
+
+// Blocks may have to be larger than asked for; then only those that are excluded as a whole stay out.
+BlockMap mapOf(const ImageFile& image, const Options& options)
+{
+    const unsigned long blockSize = agent::adjustBlockSizeSoBlockCountFitsInto32Bits(image.size(), options.blockSize);
+    std::vector<agent::BlockRange> excluded;
+    if (!options.exclude.empty()) excluded = readRanges(options.exclude);
+    for (agent::BlockRange& range : excluded)
+        range = agent::scaleBlockRangeFSLargerBlockSize(blockSize / options.blockSize, range, 0);
+    return {image.size(), blockSize, std::move(excluded)};
+}
+
+void printExtents(const Options& options, Logger& logger)
+{
+    std::vector<agent::BlockRange> ranges;
+    agent::core::block::extents(logger, options.printExtents, options.blockSize, ranges);
+    for (const agent::BlockRange& range : ranges) std::cout << range << '\n';
+}
+
+// Log lines are in the file as soon as they are printed.
+void writeReport(const Options& options, const agent::Path& log, const agent::Path& bitmap, const std::string& summary,
+    Logger& logger)
+{
+    const TemporaryFile file(logger, "summary_");
+    agent::truncateAndWrite(logger, file.path(), summary + '\n');
+    agent::Zip(logger).compress(
+        {{"backup.log", log}, {"changes.bitmap", bitmap}, {"summary.txt", file.path()}}, options.report, kZipLevel);
+    Logger::Entry(logger, Logger::INFO) << "Report:   " << options.report;
+}
+
+void backUp(const Options& options, const agent::Path& log, Logger& logger)
 {
     const ImageFile previous(options.previous, ImageFile::Access::ReadOnly);
     const ImageFile current(options.current, ImageFile::Access::ReadOnly);
     refuseOtherSize(current, previous);
+    if (!options.config.empty()) printCowFile(options, current.size(), logger);
+    const BlockMap map = mapOf(previous, options);
 
     const bool isNewReplica = !agent::file::exists(options.replica);
     if (isNewReplica) {
@@ -95,22 +145,40 @@ void run(const Options& options, Logger& logger)
     refuseSameFile(replica, previous);
     refuseOtherSize(replica, previous);
 
-    const BlockMap map(
-        previous.size(), agent::adjustBlockSizeSoBlockCountFitsInto32Bits(previous.size(), options.blockSize));
-    const agent::Path bitmap = agent::file::getTempFile("changes_");
-    const agent::scope_exit removeBitmap([&] { agent::file::remove(bitmap, false); },
-        [&](const std::exception_ptr& e) { Logger::Entry(logger, Logger::WARNING) << agent::eptr_str(e); });
-
+    const TemporaryFile bitmap(logger, "changes_");
     const bool msbFirst = !options.lsbFirst;
-    writeBitmap(
-        bitmap.u8string(), map, findChanges(map, previous, current, isNewReplica ? nullptr : &replica), msbFirst);
+    writeBitmap(bitmap.path().u8string(), map, findChanges(map, previous, current, isNewReplica ? nullptr : &replica),
+        msbFirst);
     Replicator replicator(logger, map);
-    replicator.loadChanges(bitmap.u8string(), msbFirst);
+    replicator.loadChanges(bitmap.path().u8string(), msbFirst);
     replicator.apply(current, replica);
     const std::string difference = replicator.verify(current, replica);
     if (!difference.empty()) throw ReplicaDiffers(difference);
-    Logger::Entry(logger, Logger::INFO) << options.replica << " equals " << options.current;
-    printSummary(map, replicator, logger);
+
+    const std::string summary = summaryOf(map, replicator);
+    Logger::Entry(logger, Logger::INFO) << options.replica << " equals " << options.current
+                                        << (options.exclude.empty() ? "" : " but for what is excluded");
+    std::istringstream lines(summary);
+    for (std::string line; std::getline(lines, line);) Logger::Entry(logger, Logger::INFO) << line;
+    if (!options.report.empty()) writeReport(options, log, bitmap.path(), summary, logger);
+}
+
+// Without --log the lines go to a file of their own all the same: the report needs them.
+void run(const Options& options)
+{
+    Logger silent{Logger::Printer()};
+    std::optional<TemporaryFile> temporaryLog;
+    if (options.log.empty()) temporaryLog.emplace(silent, "log_");
+    const agent::Path log = temporaryLog ? temporaryLog->path() : agent::Path(options.log);
+
+    const LogPrinter printer(log);
+    Logger logger = printer.makeLogger();
+    try {
+        options.printExtents.empty() ? backUp(options, log, logger) : printExtents(options, logger);
+    } catch (const std::exception& e) {
+        Logger::Entry(logger, Logger::DEBUG) << "Failed: " << e.what(); // main tells it on the screen
+        throw;
+    }
 }
 
 } // namespace
@@ -122,9 +190,8 @@ int main(int argc, char** argv)
     using namespace incremental_backup;
     Options options;
     if (const auto status = parseOptions(argc, argv, options)) return *status;
-    Logger logger(print);
     try {
-        run(options, logger);
+        run(options);
         return EXIT_SUCCESS;
     } catch (const ReplicaDiffers& e) {
         std::cerr << "incremental_backup: " << e.what() << '\n';

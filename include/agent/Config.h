@@ -46,6 +46,11 @@ class AGENTKIT_API Config : public IConfig {
 public:
     Config(std::shared_ptr<JSONConfigDataProvider> store, ConfigOptions options);
 
+    /// Checks everything that is configured, for programs that want to know at their start and not at the first use.
+    /// @throws std::invalid_argument  naming an unknown key
+    /// @throws std::runtime_error     for a value of the wrong type
+    void validate() const;
+
     /// @throws std::invalid_argument  naming the key, if it is in no option
     /// @throws std::runtime_error     naming the key and both types, if the option or the configured value has another
     ///                                type; the argument is left alone after any failure

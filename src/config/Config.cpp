@@ -46,12 +46,12 @@ namespace {
 
 // Every value that is no object, by its dotted key; null removes when merged, and needs no type. The document's depth
 // has been checked.
-void validate(const ConfigOptions& options, const json& object, const std::string& prefix)
+void validateMembers(const ConfigOptions& options, const json& object, const std::string& prefix)
 {
     for (const auto& [name, value] : object.items()) {
         const std::string key = prefix + name;
         if (value.is_object()) {
-            validate(options, value, key + '.');
+            validateMembers(options, value, key + '.');
         } else if (!value.is_null()) {
             options.find(key).keys.validate(key, value);
         }
@@ -64,6 +64,11 @@ Config::Config(std::shared_ptr<JSONConfigDataProvider> store, ConfigOptions opti
     : m_store(std::move(store))
     , m_options(std::move(options))
 {
+}
+
+void Config::validate() const
+{
+    validateMembers(m_options, m_store->document(), "");
 }
 
 json Config::valueOf(const std::string& key, JSONKeyValidator::Type type) const
@@ -103,7 +108,7 @@ void Config::setJSON(json document, bool replace)
     refuseDeepJson(document, "the configuration");
     if (!document.is_object())
         throw std::runtime_error(std::string("The configuration must be a JSON object, not ") + document.type_name());
-    validate(m_options, document, "");
+    validateMembers(m_options, document, "");
     if (replace) return m_store->setDocument(document);
     json merged = m_store->document();
     merged.merge_patch(document);

@@ -283,6 +283,7 @@ TEST_F(StoreTest, TheConfigurationIsHeldToItsTable)
         "runtime: The value of \"volumes.bad.autoExpand.disable\" must be of type boolean, not unsigned integer");
     fails("name", flag, "runtime: The value of \"name\" is of type string and was asked for as boolean");
 
+    EXPECT_THAT(thrownBy([&] { config.validate(); }), HasSubstr("\"volumes.bad."));
     const std::string before = contentOf(m_path);
     EXPECT_THAT(thrownBy([&] { config.setJSON({{"name", "x"}, {"nam", "y"}}, true); }), HasSubstr("key \"nam\""));
     EXPECT_THAT(thrownBy([&] { config.setJSON({{"name", 1}}, false); }), HasSubstr("string, not unsigned integer"));
@@ -293,6 +294,7 @@ TEST_F(StoreTest, TheConfigurationIsHeldToItsTable)
         {"disable": true}}}})"));
     config.setJSON({{"name", "y"}}, true);
     EXPECT_EQ(config.getJSON(), R"({"name":"y"})");
+    EXPECT_EQ(thrownBy([&] { config.validate(); }), "nothing");
     EXPECT_THAT(thrownBy([] { ConfigOptions({{{"a", JSONKeyValidator::Type::Bool}, 1}}); }), HasSubstr("(default)"));
 }
 

@@ -62,6 +62,58 @@ cmp -s new.img replica.img || fail "a file that is no copy was touched"
 run 0 --previous new.img --current new.img --replica replica.img
 grep -q '^Ranges: *0$' out || fail "nothing changed"
 
+# Blocks that are left out: the first one, and one beyond the image.
+printf '[0, 1)\n\n[700, 900)\n' >ranges
+replicates_but_for() {
+    rm -f replica.img
+    run 0 --previous old.img --current new.img --replica replica.img --exclude ranges "$@"
+    cmp -s <(dd if=old.img bs=4096 count=1 status=none) <(dd if=replica.img bs=4096 count=1 status=none) ||
+        fail "an excluded block was copied"
+    cmp -s <(dd if=new.img bs=4096 skip=1 count=699 status=none) \
+        <(dd if=replica.img bs=4096 skip=1 count=699 status=none) || fail "a block that is not excluded"
+    grep -q '^Ranges: *1$' out || fail "one range is left"
+}
+replicates_but_for --block-size 4096
+run 0 --previous new.img --current new.img --replica replica.img --exclude ranges # it is a copy but for those
+for bad in '[1, 0)' '[1 2)' '[-1, 2)' '1, 2' '[1, 2) x' '[1, 99999999999999999999)'; do
+    printf '[3, 4)\n%s\n' "$bad" >bad_ranges
+    refuses "\"bad_ranges\", line 2: \"$bad\" is no range" --previous old.img --current new.img --replica r \
+        --exclude bad_ranges
+done
+
+# Sizing, log and report; the report has what it says.
+echo '{"volumes": {"new.img": {"cowFileSizeMiB": 64, "autoExpand": {"stepSizeMiB": 16}}}}' >agent.json
+echo 'earlier' >log
+rm -f replica.img
+run 0 --previous old.img --current new.img --replica replica.img --config agent.json --log log --report report.zip
+grep -q '^Snapshot: 10 MiB for new.img, grows by 16 MiB, leaves 1 MiB free$' out || fail "sizing"
+grep -q 'Clamping to (10)$' out || fail "a warning belongs on the screen"
+grep -q 'Found the' out && fail "the screen is not for DEBUG"
+grep -qE '^[0-9TZ:.-]{24} [0-9T:.+-]{28} \[TID [0-9]{7,}\] \[DEBUG:\]    Found the volumes.new.img.cow' log || fail "log"
+[ "$(head -n 1 log)" = earlier ] || fail "the log is added to"
+unzip -q report.zip -d report
+cmp -s report/backup.log <(head -n "$(wc -l <report/backup.log)" log) || fail "the report's log"
+[ "$(stat -c %s report/changes.bitmap)" -eq 92 ] || fail "the report's bitmap"
+grep -q '^Ranges: *3$' report/summary.txt || fail "the report's summary"
+refuses '"volumes.new.img.cowFileSizeMiB" must be of type unsigned integer, not string' --previous old.img \
+    --current new.img --replica r --config <(echo '{"volumes": {"new.img": {"cowFileSizeMiB": "64"}}}')
+refuses 'is not valid JSON at byte 1' --previous old.img --current new.img --replica r --config new.img
+refuses 'No such file' --previous old.img --current new.img --replica r --config missing.json
+cp old.img replica.img
+refuses 'Could not open zip archive no/report.zip' --previous old.img --current new.img --replica replica.img \
+    --report no/report.zip
+
+sync old.img
+if "$program" --print-extents old.img >out 2>err; then
+    grep -qE '^\[[0-9]+, [0-9]+\)$' out || fail "no ranges printed"
+    cp out extents
+    rm -f replica.img
+    run 0 --previous old.img --current new.img --replica replica.img --exclude extents
+else
+    grep -q 'FIEMAP' err || fail "neither extents nor a reason" # not every file system tells extents
+fi
+refuses 'Failed to open handle to file "missing"' --print-extents missing
+
 : >empty.img
 run 0 --previous empty.img --current empty.img --replica empty_replica.img
 

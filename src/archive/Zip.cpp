@@ -11,14 +11,14 @@
 #include <unistd.h>
 #include <unzip.h>
 #include <zip.h>
+#include <zlib.h>
 
 #include <cerrno>
 #include <cstdio>
-#include <limits>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <utility>
-#include <vector>
 
 namespace agent {
 
@@ -56,6 +56,13 @@ zlib_filefunc64_def fileFunctions()
     throw std::runtime_error(what);
 }
 
+using Buffer = std::unique_ptr<char[]>;
+
+Buffer makeBuffer()
+{
+    return std::make_unique_for_overwrite<char[]>(kCopyBuffer);
+}
+
 std::optional<struct stat64> statOf(const Path& path)
 {
     struct stat64 status {};
@@ -89,7 +96,7 @@ public:
         if (status && S_ISREG(status->st_mode)) (void)::unlink(m_name.c_str()); // best effort
     }
 
-    void add(const std::string& name, const Path& source, int level, std::vector<char>& buffer)
+    void add(const std::string& name, const Path& source, int level, char* buffer)
     {
         const auto size = sizeOf(source);
         const File file = openSource(source);
@@ -129,7 +136,8 @@ private:
     {
         try {
             return File(m_logger, source, FileOpenMode::Read);
-        } catch (const PosixError&) {
+        } catch (const PosixError& e) {
+            Logger::Entry(m_logger, Logger::DEBUG) << e.what(); // the reason, which the message does not give
             fail("Could not open file for reading: " + source.u8string());
         }
     }
@@ -139,16 +147,16 @@ private:
         constexpr std::size_t kLongestName = 0xFFFF; // its length has 16 bits
         if (name.size() > kLongestName || name.find('\0') != std::string::npos) return ZIP_PARAMERROR;
         const zip_fileinfo noTimeNorAttributes{};
-        const int isZip64 = size >= 0xFFFFFFFF ? 1 : 0;
+        const int isZip64 = compressBound(size) >= 0xFFFFFFFF ? 1 : 0; // what cannot be deflated grows a little
         return zipOpenNewFileInZip3_64(m_zip, name.c_str(), &noTimeNorAttributes, nullptr, 0, nullptr, 0,
             "KestaArchive", Z_DEFLATED, level, 0, -MAX_WBITS, DEF_MEM_LEVEL, Z_DEFAULT_STRATEGY, nullptr, 0, isZip64);
     }
 
-    int copy(const File& file, std::vector<char>& buffer)
+    int copy(const File& file, char* buffer)
     {
         try {
-            while (const long got = file.read(buffer.data(), static_cast<long>(buffer.size()))) {
-                const int status = zipWriteInFileInZip(m_zip, buffer.data(), static_cast<unsigned int>(got));
+            while (const long got = file.read(buffer, kCopyBuffer)) {
+                const int status = zipWriteInFileInZip(m_zip, buffer, static_cast<unsigned int>(got));
                 if (status != ZIP_OK) return status;
             }
             return ZIP_OK;
@@ -264,19 +272,36 @@ void copyEntry(Logger& logger, archive::Entry& entry, const Listing& listing, co
 {
     const auto refuseTarget = [&] { fail("Failed to write file during decompression: " + target.u8string()); };
     const auto refuseEntry = [&] { fail("Failed to read data from archive for file " + listing.name); };
-    std::vector<char> buffer(kCopyBuffer);
+    const Buffer buffer = makeBuffer();
     unsigned long left = listing.info.uncompressed_size;
     try {
         const File file(logger, target, FileOpenMode::Write | FileOpenMode::Create);
-        while (const long got = entry.read(buffer.data(), buffer.size())) {
+        while (const long got = entry.read(buffer.get(), kCopyBuffer)) {
             if (got < 0 || static_cast<unsigned long>(got) > left) refuseEntry();
             left -= static_cast<unsigned long>(got);
-            file.write(buffer.data(), static_cast<unsigned long>(got));
+            file.write(buffer.get(), static_cast<unsigned long>(got));
         }
-    } catch (const PosixError&) {
+    } catch (const PosixError& e) {
+        Logger::Entry(logger, Logger::DEBUG) << e.what(); // the reason, which the message does not give
         refuseTarget();
     }
     if (!entry.close() || left != 0) refuseEntry();
+}
+
+void extractFile(Logger& logger, unzFile archive, const Listing& listing, const std::string& password,
+    const Path& target, bool replaces)
+{
+    // Opened before the existing file is emptied: a wrong password destroys nothing.
+    const auto entry = openEntry(archive, listing, password);
+    if (replaces) file::truncate(target, 0);
+    struct stat64 status {};
+    const bool isNew = ::lstat64(target.u8string().c_str(), &status) != 0; // not even a link that leads nowhere
+    try {
+        copyEntry(logger, *entry, listing, target);
+    } catch (...) {
+        if (isNew) (void)::unlink(target.u8string().c_str()); // best effort; half a file is worse than none
+        throw;
+    }
 }
 
 } // namespace
@@ -290,8 +315,8 @@ void Zip::compress(const std::unordered_map<std::string, Path>& files, const Pat
 {
     Logger::Entry(m_logger, Logger::DEBUG) << "Creating zip archive " << archive.u8string();
     ArchiveWriter writer(m_logger, archive);
-    std::vector<char> buffer(kCopyBuffer);
-    for (const auto& [name, source] : files) writer.add(name, source, level, buffer);
+    const Buffer buffer = makeBuffer();
+    for (const auto& [name, source] : files) writer.add(name, source, level, buffer.get());
     writer.close();
 }
 
@@ -344,15 +369,7 @@ int ExtractCurrentFile(Logger& logger, void* archiveHandle, const Path& destinat
             << target.u8string() << " already exists, not overwriting or extracting copy.";
         return UNZ_OK;
     }
-    // Opened before the existing file is emptied: a wrong password destroys nothing.
-    const auto entry = openEntry(archiveHandle, listing, password);
-    if (exists) file::truncate(target, 0);
-    try {
-        copyEntry(logger, *entry, listing, target);
-    } catch (...) {
-        if (!exists) (void)::unlink(target.u8string().c_str()); // best effort; half a file is worse than none
-        throw;
-    }
+    extractFile(logger, archiveHandle, listing, password, target, exists);
     return UNZ_OK;
 }
 

@@ -49,6 +49,8 @@ public:
     unsigned long getCustomCowFileSize(const std::string& volume) const;
 
 private:
+    unsigned long customSizeOr(unsigned long otherwise, info::Logger& logger, const std::string& volume) const;
+
     const IConfig& m_config;
 };
 

@@ -70,21 +70,28 @@ private:
     std::array<std::uint32_t, 3> m_keys{0x12345678, 0x23456789, 0x34567890};
 };
 
-struct EndInflate {
-    void operator()(z_stream* stream) const noexcept
+/// zlib's stream knows its own address: neither copied nor moved.
+class InflateStream {
+public:
+    InflateStream()
+        : m_isOpen(inflateInit2(&m_stream, -MAX_WBITS) == Z_OK)
     {
-        (void)inflateEnd(stream);
-        delete stream;
     }
-};
-using InflateStream = std::unique_ptr<z_stream, EndInflate>;
+    InflateStream(const InflateStream&) = delete;
+    InflateStream& operator=(const InflateStream&) = delete;
+    ~InflateStream()
+    {
+        if (m_isOpen) (void)inflateEnd(&m_stream);
+    }
 
-InflateStream beginInflate()
-{
-    auto stream = std::make_unique<z_stream>();
-    if (inflateInit2(stream.get(), -MAX_WBITS) != Z_OK) return nullptr;
-    return InflateStream(stream.release());
-}
+    bool isOpen() const { return m_isOpen; }
+    z_stream* operator->() { return &m_stream; }
+    int inflate() { return ::inflate(&m_stream, Z_NO_FLUSH); }
+
+private:
+    z_stream m_stream{};
+    bool m_isOpen;
+};
 
 /// Read raw, and decrypted and inflated here: distributions build minizip without decryption.
 class EncryptedEntry : public Entry {
@@ -92,7 +99,6 @@ public:
     EncryptedEntry(unzFile archive, const unz_file_info64& info, const std::string& password)
         : m_raw(archive)
         , m_cipher(password)
-        , m_inflate(info.compression_method == Z_DEFLATED ? beginInflate() : nullptr)
         , m_isDeflated(info.compression_method == Z_DEFLATED)
         , m_expectedCrc(info.crc)
         , m_checkByte(static_cast<std::uint8_t>((info.flag & kSizesFollow) != 0 ? info.dosDate >> 8U : info.crc >> 24U))
@@ -140,7 +146,7 @@ private:
 
     long readDeflated(char* out, std::size_t size)
     {
-        if (!m_inflate) return -1;
+        if (!m_inflate.isOpen()) return -1;
         m_inflate->next_out = reinterpret_cast<Bytef*>(out);
         m_inflate->avail_out = static_cast<uInt>(size);
         int status = m_isComplete ? Z_STREAM_END : Z_OK;
@@ -151,7 +157,7 @@ private:
                 m_inflate->next_in = reinterpret_cast<Bytef*>(m_input.data());
                 m_inflate->avail_in = static_cast<uInt>(got);
             }
-            status = inflate(m_inflate.get(), Z_NO_FLUSH);
+            status = m_inflate.inflate();
         }
         m_isComplete = status == Z_STREAM_END;
         if (status != Z_OK && !m_isComplete) return -1;

@@ -135,7 +135,7 @@ private:
     File openSource(const Path& source) const
     {
         try {
-            return File(m_logger, source, FileOpenMode::Read);
+            return {m_logger, source, FileOpenMode::Read};
         } catch (const PosixError& e) {
             Logger::Entry(m_logger, Logger::DEBUG) << e.what(); // the reason, which the message does not give
             fail("Could not open file for reading: " + source.u8string());

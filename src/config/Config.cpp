@@ -77,7 +77,7 @@ json Config::valueOf(const std::string& key, JSONKeyValidator::Type type) const
     if (option.keys.type() != type)
         throw std::runtime_error("The value of \"" + key + "\" is of type " + to_string(option.keys.type()) +
                                  " and was asked for as " + to_string(type));
-    const json value = m_store->get(key);
+    json value = m_store->get(key);
     if (value.is_null()) return option.defaultValue;
     option.keys.validate(key, value);
     return value;

@@ -48,18 +48,22 @@ unsigned long CowFileSize::getCustomCowFileSize(const std::string& volume) const
     return size;
 }
 
-unsigned long CowFileSize::getCowFileSize(Logger& logger, const std::string& volume, unsigned long volumeSizeBytes,
-    const std::string& fileSystemType, bool autoExpand) const
+unsigned long CowFileSize::customSizeOr(unsigned long otherwise, Logger& logger, const std::string& volume) const
 {
-    unsigned long size = getDefaultCowFileSize(volumeSizeBytes, autoExpand);
     try {
         const unsigned long custom = getCustomCowFileSize(volume);
         Logger::Entry(logger, Logger::DEBUG)
             << "Found the " << sizeKey(volume) << " configuration option (" << custom << ")";
-        size = custom;
+        return custom;
     } catch (...) { // a backup with the default size is better than none
+        return otherwise;
     }
+}
 
+unsigned long CowFileSize::getCowFileSize(Logger& logger, const std::string& volume, unsigned long volumeSizeBytes,
+    const std::string& fileSystemType, bool autoExpand) const
+{
+    const unsigned long size = customSizeOr(getDefaultCowFileSize(volumeSizeBytes, autoExpand), logger, volume);
     const unsigned long clamped = getClampedCowFileSize(size, volumeSizeBytes);
     if (clamped != size)
         Logger::Entry(logger, Logger::WARNING)

@@ -8,7 +8,6 @@ namespace agent {
 namespace {
 
 using test::thrownBy;
-using testing::ElementsAre;
 
 constexpr unsigned long kMiB = 1UL << 20;
 constexpr unsigned long kGiB = 1UL << 30;
@@ -19,9 +18,9 @@ class FakeConfig : public IConfig {
 public:
     void getValue(const std::string& key, bool& value) const override { value = look(key, value ? 1 : 0) != 0; }
     void getValue(const std::string& key, unsigned long& value) const override { value = look(key, value); }
-    void getValue(const std::string&, std::string&) const override {}
+    void getValue(const std::string& /*key*/, std::string& /*value*/) const override {}
     std::string getJSON() const override { return {}; }
-    void setJSON(nlohmann::json, bool) override {}
+    void setJSON(nlohmann::json /*document*/, bool /*replace*/) override {}
 
     std::map<std::string, unsigned long> values;
     std::string failing;
@@ -150,8 +149,9 @@ TEST(CowFileAutoExpand, CanBeOff)
     /// Fails: files that do not grow need no initial size.
     class NoSize : public ICowFileSize {
     public:
-        unsigned long getCowFileSize(
-            info::Logger&, const std::string&, unsigned long, const std::string&, bool) const override
+        unsigned long getCowFileSize(info::Logger& /*logger*/, const std::string& /*volume*/,
+            unsigned long /*volumeSizeBytes*/, const std::string& /*fileSystemType*/,
+            bool /*autoExpand*/) const override
         {
             throw std::runtime_error("no size");
         }

@@ -172,8 +172,8 @@ TEST_F(SocketIoTest, ReadsWhatIsThere)
     EXPECT_EQ(told(SocketIo::read(ours(), 1s, m_length, m_buffer)),
         "107 Unable to read from socket, connection closed, errno: 0 so_error: 0 ret: 0");
     EXPECT_EQ(m_length, sizeof m_buffer);
-    EXPECT_EQ(told(SocketIo::write(ours(), 1s, 1, "x")).substr(4), "Unable to poll socket, other end hung up.");
-    EXPECT_EQ(told(SocketIo::write(1000, 1s, 1, "x")).substr(4), "Unable to poll socket, invalid poll request");
+    EXPECT_EQ(SocketIo::write(ours(), 1s, 1, "x").message, "Unable to poll socket, other end hung up.");
+    EXPECT_EQ(SocketIo::write(1000, 1s, 1, "x").message, "Unable to poll socket, invalid poll request");
 }
 
 TEST_F(SocketIoTest, TimesOutInBothDirectionsWithTheSameWords)
@@ -182,7 +182,7 @@ TEST_F(SocketIoTest, TimesOutInBothDirectionsWithTheSameWords)
     EXPECT_EQ(told(SocketIo::read(ours(), 1s, m_length, m_buffer)), "110 Socket read timeout after 1 seconds");
     EXPECT_GE(std::chrono::steady_clock::now() - start, 2s) << "whole seconds must exceed the time-out";
 
-    const std::string large(10'000'000, 'x'); // more than the sockets hold
+    const std::vector<char> large(10'000'000); // more than the sockets hold
     EXPECT_EQ(told(SocketIo::write(ours(), 1s, static_cast<unsigned int>(large.size()), large.data())),
         "110 Socket read timeout after 1 seconds");
 }
@@ -254,8 +254,8 @@ TEST(PortRotator, CyclesWithThePreferredPortFirst)
 {
     PortRotator ports({1, 2, 3});
     const auto next = [&](unsigned int preferred, int count) {
-        std::vector<unsigned int> seen;
-        for (int i = 0; i < count; ++i) seen.push_back(ports.getPort(preferred));
+        std::vector<unsigned int> seen(static_cast<std::size_t>(count));
+        for (unsigned int& port : seen) port = ports.getPort(preferred);
         return seen;
     };
     EXPECT_THAT(next(0, 4), ElementsAre(1, 2, 3, 1));

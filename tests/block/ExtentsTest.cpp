@@ -190,8 +190,7 @@ TEST_F(Extents, TellWhatWasFoundAndWhatWasExpected)
 TEST_F(Extents, FailWithTheirOwnWords)
 {
     const auto fails = [&](const std::string& path, const std::string& text, int code) {
-        EXPECT_EQ(thrownBy([&] { extents(m_log.logger(), path, 512, m_out); }),
-            std::string("posix: ") + PosixError(text, code).what());
+        EXPECT_EQ(thrownBy([&] { extents(m_log.logger(), path, 512, m_out); }), test::posix(text, code));
         EXPECT_EQ(m_out, (Ranges{{7, 7}})) << "left as it was";
     };
     const std::string q = "\"" + m_file + "\"";

@@ -11,7 +11,7 @@
 namespace agent {
 namespace {
 
-TEST(MemoryOutputStreamBuffer, GrowsByDoublingAndByAHundredAtLeast)
+TEST(MemoryOutputStreamBuffer, GrowsByDoublingAndByAHundredAtLeastIfItMay)
 {
     std::vector<char> bytes(3);
     MemoryOutputStreamBuffer buffer(bytes, true);
@@ -27,16 +27,12 @@ TEST(MemoryOutputStreamBuffer, GrowsByDoublingAndByAHundredAtLeast)
     EXPECT_EQ(sizes, (std::vector<std::size_t>{3, 103, 206, 412}));
     EXPECT_EQ(std::string(bytes.data(), 300), written);
     EXPECT_EQ(stream.tellp(), 300);
-}
 
-TEST(MemoryOutputStreamBuffer, ThrowsPastTheEndIfItMayNotGrow)
-{
-    std::vector<char> bytes(3);
-    MemoryOutputStreamBuffer buffer(bytes, false);
-    EXPECT_EQ(buffer.sputn("abc", 3), 3);
-    EXPECT_EQ(test::thrownBy([&] { buffer.sputc('d'); }),
+    bytes.resize(3);
+    MemoryOutputStreamBuffer fixed(bytes, false);
+    EXPECT_EQ(fixed.sputn("abc", 3), 3);
+    EXPECT_EQ(test::thrownBy([&] { fixed.sputc('d'); }),
         "runtime: MemoryOutputStreamBuffer overflow was called and resizing is disabled.");
-    EXPECT_EQ(std::string(bytes.begin(), bytes.end()), "abc");
 }
 
 TEST(MemoryOutputStreamBuffer, SeeksWithinTheVectorOnly)

@@ -41,6 +41,10 @@ TEST_F(Printers, HandMessagesOn)
     print("y", Logger::DEBUG, kWhen);
     EXPECT_THAT(m_printed, ElementsAre("a3x", "b3x", "c3[INFO:]     x", "a4y", "c4[DEBUG:]    y"));
 
+    testing::internal::CaptureStdout();
+    ScreenPrinter()("no newline", Logger::ERROR, kWhen);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "no newline");
+
     const Logger::Printer nobody;
     EXPECT_THROW(DecoratedPrinter(tag, nobody)("x", Logger::INFO, kWhen), std::bad_function_call);
     EXPECT_THROW(FilteredPrinter(important, nobody)("x", Logger::INFO, kWhen), std::bad_function_call);
@@ -49,42 +53,24 @@ TEST_F(Printers, HandMessagesOn)
     EXPECT_THROW(MultiPrinter({nobody})("x", Logger::INFO, kWhen), std::bad_function_call);
 }
 
-TEST_F(Printers, TheScreenGetsMessagesAsTheyAre)
-{
-    testing::internal::CaptureStdout();
-    ScreenPrinter()("no newline", Logger::ERROR, kWhen);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "no newline");
-}
-
 TEST_F(Printers, TheFailsafeStopsAtTheFirstThatPrints)
 {
-    struct Case {
-        const char* why;
-        std::vector<FailsafePrinter::FalliblePrinter> printers;
-        std::vector<std::string> printed;
-        bool fails;
-    };
-    for (auto& [why, printers, printed, fails] : std::vector<Case>{
-             {"nobody there", {}, {}, true},
-             {"an empty one counts as failed", {{}, {}}, {}, true},
-             {"the second helps", {fallible("a", false), {}, fallible("b", true), fallible("c", true)}, {"a3x", "b3x"},
-                 false},
-             {"none can", {fallible("a", false), fallible("b", false)}, {"a3x", "b3x"}, true},
-         }) {
+    const auto prints = [this](const std::vector<FailsafePrinter::FalliblePrinter>& printers) {
         m_printed.clear();
         testing::internal::CaptureStderr();
         const FailsafePrinter print(printers);
         print("x", Logger::INFO, kWhen);
-        EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            fails ? "~~Logging Error~~ All printers in sequence failed to print log message\n" : "")
-            << why;
-        EXPECT_EQ(m_printed, printed) << why;
-    }
+        return testing::internal::GetCapturedStderr();
+    };
+    const std::string failure = "~~Logging Error~~ All printers in sequence failed to print log message\n";
+    EXPECT_EQ(prints({}), failure);
+    EXPECT_EQ(prints({fallible("a", false), {}, fallible("b", false)}), failure);
+    EXPECT_THAT(m_printed, ElementsAre("a3x", "b3x"));
+    EXPECT_EQ(prints({{}, fallible("a", false), fallible("b", true), fallible("c", true)}), "");
+    EXPECT_THAT(m_printed, ElementsAre("a3x", "b3x"));
     const auto throwing = [](const std::string&, Logger::Level, Time) -> bool { throw std::runtime_error("full"); };
-    EXPECT_EQ(test::thrownBy([&] {
-        FailsafePrinter({throwing, fallible("a", true)})("x", Logger::INFO, kWhen);
-    }),
-        "runtime: full");
+    EXPECT_EQ(test::thrownBy([&] { prints({throwing, fallible("a", true)}); }), "runtime: full");
+    (void)testing::internal::GetCapturedStderr();
 }
 
 TEST(LoggerAdapter, TranslatesLevelsAndAddsTheCode)

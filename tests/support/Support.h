@@ -104,4 +104,10 @@ inline std::string thrownBy(const std::function<void()>& action)
     return "nothing";
 }
 
+/// What thrownBy() says of such a PosixError.
+inline std::string posix(const std::string& text, int code)
+{
+    return std::string("posix: ") + PosixError(text, code).what();
+}
+
 } // namespace agent::test

@@ -23,7 +23,8 @@ public:
     explicit Zip(info::Logger& logger);
 
     /// Writes a new archive, over one of the name. Entries are deflated and have neither time stamp nor attributes;
-    /// those of 4 GiB and more are zip64. After a failure there is no archive.
+    /// those of 4 GiB and more are zip64, and have, like those that lie beyond 4 GiB, no comment. After a failure
+    /// there is no archive.
     /// @param files  by the name of their entry, at most 65,535 bytes and without NUL
     /// @param level  of the compression: 0 to 9, -1 for zlib's own choice
     void compress(const std::unordered_map<std::string, Path>& files, const Path& archive, int level) const;
@@ -33,7 +34,8 @@ public:
     ///
     /// Never writes outside the destination: a name with a part ".." is refused, and an absolute one lands under the
     /// destination, or is refused if that is empty. Links come out as plain files. Archives that declare more than they
-    /// can hold are refused, and every entry's checksum and size is checked.
+    /// can hold are refused, and every entry's checksum and size is checked. Entries of any size are extracted if
+    /// they are compressed to, and lie within, less than 4 GiB.
     ///
     /// @param destination  an empty one stands for the working directory
     /// @param password     for entries that are encrypted (the traditional cipher; AES is not supported); may be empty

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <utility>
 
 namespace agent::archive {
@@ -93,29 +94,30 @@ private:
     bool m_isOpen;
 };
 
-/// Read raw, and decrypted and inflated here: distributions build minizip without decryption.
-class EncryptedEntry : public Entry {
+/// Read raw, and decrypted and inflated here: distributions build minizip without decryption, and its sizes have
+/// 32 bits.
+class RawEntry : public Entry {
 public:
-    EncryptedEntry(unzFile archive, const unz_file_info64& info, const std::string& password)
+    RawEntry(unzFile archive, const unz_file_info64& info)
         : m_raw(archive)
-        , m_cipher(password)
+        , m_left(info.compressed_size)
         , m_isDeflated(info.compression_method == Z_DEFLATED)
         , m_expectedCrc(info.crc)
         , m_checkByte(static_cast<std::uint8_t>((info.flag & kSizesFollow) != 0 ? info.dosDate >> 8U : info.crc >> 24U))
     {
     }
 
-    /// Twelve bytes of noise, of which the last one tells whether the password is right, in 255 cases of 256.
-    bool readHeader()
+    /// Reads twelve bytes of noise, of which the last one tells whether the password is right, in 255 cases of 256.
+    bool beginDecryption(const std::string& password)
     {
+        m_cipher.emplace(password);
         std::array<char, 12> header{};
         std::size_t size = 0;
         while (size < header.size()) {
-            const long got = m_raw.read(header.data() + size, header.size() - size);
+            const long got = readStored(header.data() + size, header.size() - size);
             if (got <= 0) return false;
             size += static_cast<std::size_t>(got);
         }
-        decrypt(header.data(), header.size());
         return static_cast<std::uint8_t>(header.back()) == m_checkByte;
     }
 
@@ -131,16 +133,15 @@ public:
 private:
     static constexpr unsigned long kSizesFollow = 8; // flag: written before the checksum was known
 
-    void decrypt(char* data, std::size_t size)
-    {
-        std::transform(data, data + size, data,
-            [this](char c) { return static_cast<char>(m_cipher.decrypt(static_cast<std::uint8_t>(c))); });
-    }
-
     long readStored(char* out, std::size_t size)
     {
-        const long got = m_raw.read(out, size);
-        if (got > 0) decrypt(out, static_cast<std::size_t>(got));
+        const long got = m_raw.read(out, std::min(size, m_left));
+        if (got <= 0) return got;
+        m_left -= static_cast<std::size_t>(got);
+        if (m_cipher) {
+            std::transform(out, out + got, out,
+                [this](char c) { return static_cast<char>(m_cipher->decrypt(static_cast<std::uint8_t>(c))); });
+        }
         return got;
     }
 
@@ -165,7 +166,8 @@ private:
     }
 
     LibraryEntry m_raw;
-    TraditionalCipher m_cipher;
+    std::size_t m_left; // compressed bytes, encryption header included
+    std::optional<TraditionalCipher> m_cipher;
     InflateStream m_inflate;
     bool m_isDeflated;
     bool m_isComplete = false;
@@ -175,12 +177,25 @@ private:
     std::array<char, 65'536> m_input{};
 };
 
+std::unique_ptr<RawEntry> openRaw(unzFile archive, const unz_file_info64& info, int& status)
+{
+    int method = 0;
+    int level = 0;
+    status = unzOpenCurrentFile2(archive, &method, &level, 1);
+    return status == UNZ_OK ? std::make_unique<RawEntry>(archive, info) : nullptr;
+}
+
 } // namespace
 
 std::unique_ptr<Entry> openPlainEntry(unzFile archive, int& status)
 {
     status = unzOpenCurrentFile(archive);
     return status == UNZ_OK ? std::make_unique<LibraryEntry>(archive) : nullptr;
+}
+
+std::unique_ptr<Entry> openRawEntry(unzFile archive, const unz_file_info64& info, int& status)
+{
+    return openRaw(archive, info, status);
 }
 
 std::unique_ptr<Entry> openEncryptedEntry(
@@ -190,13 +205,8 @@ std::unique_ptr<Entry> openEncryptedEntry(
     if (status == UNZ_OK) return std::make_unique<LibraryEntry>(archive);
     if (status != UNZ_PARAMERROR) return nullptr; // which a build without decryption says to any password
 
-    const bool isKnown = info.compression_method == 0 || info.compression_method == Z_DEFLATED;
-    int method = 0;
-    int level = 0;
-    status = isKnown ? unzOpenCurrentFile2(archive, &method, &level, 1) : UNZ_BADZIPFILE;
-    if (status != UNZ_OK) return nullptr;
-    auto entry = std::make_unique<EncryptedEntry>(archive, info, password);
-    if (entry->readHeader()) return entry;
+    auto entry = openRaw(archive, info, status);
+    if (!entry || entry->beginDecryption(password)) return entry;
     status = kBadPassword;
     return nullptr;
 }

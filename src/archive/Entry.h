@@ -27,6 +27,8 @@ constexpr int kBadPassword = -106;
 /// @param status  out: minizip's status, or kBadPassword
 /// @return        null on failure
 std::unique_ptr<Entry> openPlainEntry(unzFile archive, int& status);
+/// For sizes that minizip does not know: stored or deflated, and inflated here.
+std::unique_ptr<Entry> openRawEntry(unzFile archive, const unz_file_info64& info, int& status);
 std::unique_ptr<Entry> openEncryptedEntry(
     unzFile archive, const unz_file_info64& info, const std::string& password, int& status);
 

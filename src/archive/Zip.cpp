@@ -1,23 +1,27 @@
 #include "agent/Zip.h"
 
 #include "archive/Entry.h"
+#include "core/Io.h"
 
 #include "agent/File.h"
 #include "agent/PosixError.h"
+#include "agent/ScopeExit.h"
 #include "agent/dir/Operations.h"
 #include "agent/file/Operations.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <unzip.h>
 #include <zip.h>
 #include <zlib.h>
 
-#include <cerrno>
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <optional>
 #include <stdexcept>
+#include <string>
 #include <utility>
 
 namespace agent {
@@ -26,21 +30,29 @@ using info::Logger;
 
 namespace {
 
-constexpr std::size_t kCopyBuffer = 1'048'576; // bytes
+constexpr long kCopyBuffer = 1'048'576; // bytes
+
+// Not filled with zeros, which small entries would spend most of their time on.
+std::unique_ptr<char[]> copyBuffer()
+{
+    return std::make_unique_for_overwrite<char[]>(kCopyBuffer);
+}
 
 /// Deflate makes at most 1,032 bytes of one.
 constexpr unsigned long kMostExpansion = 1032;
 
-// As minizip opens files itself, but close-on-exec.
+/// From this on, a size or position does not fit into its 32 bits.
+constexpr unsigned long kZip64 = 0xFFFF'FFFF;
+
+// As minizip opens files itself, but close-on-exec. Archives are created or read, never changed.
 voidpf openCloseOnExec(voidpf /*opaque*/, const void* name, int mode)
 {
-    const char* how = nullptr;
-    if ((mode & ZLIB_FILEFUNC_MODE_READWRITEFILTER) == ZLIB_FILEFUNC_MODE_READ) {
-        how = "rbe";
-    } else {
-        how = (mode & ZLIB_FILEFUNC_MODE_EXISTING) != 0 ? "r+be" : "wbe";
-    }
-    return std::fopen(static_cast<const char*>(name), how);
+    const bool isNew = (mode & ZLIB_FILEFUNC_MODE_CREATE) != 0;
+    const int flags = isNew ? O_WRONLY | O_CREAT | O_TRUNC : O_RDONLY;
+    UniqueFd fd = io::open(static_cast<const char*>(name), flags, 0666);
+    FILE* const file = fd.isOpen() ? ::fdopen(fd.get(), isNew ? "wb" : "rb") : nullptr;
+    if (file != nullptr) (void)fd.release(); // the stream's from here on
+    return file;
 }
 
 zlib_filefunc64_def fileFunctions()
@@ -54,13 +66,6 @@ zlib_filefunc64_def fileFunctions()
 [[noreturn]] void fail(const std::string& what)
 {
     throw std::runtime_error(what);
-}
-
-using Buffer = std::unique_ptr<char[]>;
-
-Buffer makeBuffer()
-{
-    return std::make_unique_for_overwrite<char[]>(kCopyBuffer);
 }
 
 std::optional<struct stat64> statOf(const Path& path)
@@ -90,8 +95,8 @@ public:
     ~ArchiveWriter()
     {
         if (m_isComplete) return;
-        if (m_hasOpenEntry) report("Exception while closing current file in zip: ", zipCloseFileInZip(m_zip));
-        if (m_zip != nullptr) report("Exception while closing zip file: ", zipClose(m_zip, nullptr));
+        if (m_hasOpenEntry) report("current file in zip: ", zipCloseFileInZip(m_zip));
+        if (m_zip != nullptr) report("zip file: ", zipClose(m_zip, nullptr));
         const auto status = statOf(m_path);
         if (status && S_ISREG(status->st_mode)) (void)::unlink(m_name.c_str()); // best effort
     }
@@ -146,10 +151,17 @@ private:
     {
         constexpr std::size_t kLongestName = 0xFFFF; // its length has 16 bits
         if (name.size() > kLongestName || name.find('\0') != std::string::npos) return ZIP_PARAMERROR;
+        // minizip refuses it as well, but leaks the entry.
+        if (level < Z_DEFAULT_COMPRESSION || level > Z_BEST_COMPRESSION) return Z_STREAM_ERROR;
+
+        // What cannot be deflated grows, by as much as compressBound() says.
+        const bool isZip64 = compressBound(size) >= kZip64;
+        // minizip puts the 64-bit sizes and positions behind the comment, where no reader looks for them.
+        const bool hasComment = !isZip64 && file::size(m_path) < kZip64;
         const zip_fileinfo noTimeNorAttributes{};
-        const int isZip64 = compressBound(size) >= 0xFFFFFFFF ? 1 : 0; // what cannot be deflated grows a little
         return zipOpenNewFileInZip3_64(m_zip, name.c_str(), &noTimeNorAttributes, nullptr, 0, nullptr, 0,
-            "KestaArchive", Z_DEFLATED, level, 0, -MAX_WBITS, DEF_MEM_LEVEL, Z_DEFAULT_STRATEGY, nullptr, 0, isZip64);
+            hasComment ? "KestaArchive" : nullptr, Z_DEFLATED, level, 0, -MAX_WBITS, DEF_MEM_LEVEL, Z_DEFAULT_STRATEGY,
+            nullptr, 0, isZip64 ? 1 : 0);
     }
 
     int copy(const File& file, char* buffer)
@@ -165,9 +177,12 @@ private:
         }
     }
 
-    void report(const char* what, int status)
+    void report(const char* what, int status) noexcept
     {
-        if (status != ZIP_OK) Logger::Entry(m_logger, Logger::ERROR) << what << status;
+        if (status == ZIP_OK) return;
+        try_ignore(
+            [=, this] { Logger::Entry(m_logger, Logger::ERROR) << "Exception while closing " << what << status; },
+            m_logger);
     }
 
     Logger& m_logger;
@@ -189,23 +204,55 @@ using ArchiveReader = std::unique_ptr<void, CloseArchive>;
 struct Listing {
     unz_file_info64 info{};
     std::string name;
+    bool isZip64 = false; ///< sizes that minizip has not understood
 };
+
+unsigned long littleEndian(const std::string& bytes, std::size_t begin, std::size_t count)
+{
+    unsigned long value = 0;
+    for (std::size_t i = count; i-- > 0;) value = value << 8U | static_cast<unsigned char>(bytes[begin + i]);
+    return value;
+}
+
+// minizip compares 32-bit sizes with a 64-bit -1, and so never looks for the sizes they stand for. Fields of the
+// extra data have a tag and a size of two bytes each; in that of tag 1, sizes come first, and only those needed.
+void resolveSizes(Listing& listing, const std::string& extra)
+{
+    listing.isZip64 = listing.info.uncompressed_size == kZip64 || listing.info.compressed_size == kZip64;
+    for (std::size_t begin = 0; listing.isZip64 && begin + 4 <= extra.size();) {
+        const std::size_t end = std::min(begin + 4 + littleEndian(extra, begin + 2, 2), extra.size());
+        if (littleEndian(extra, begin, 2) == 1) {
+            std::size_t place = begin + 4;
+            for (ZPOS64_T* const size : {&listing.info.uncompressed_size, &listing.info.compressed_size}) {
+                if (*size != kZip64 || place + 8 > end) continue;
+                *size = littleEndian(extra, place, 8);
+                place += 8;
+            }
+            return;
+        }
+        begin = end;
+    }
+}
 
 int readListing(unzFile archive, Listing& listing)
 {
     constexpr std::size_t kUsualName = 260;
+    std::string extra;
     listing.name.assign(kUsualName, '\0');
     const auto ask = [&] {
         return unzGetCurrentFileInfo64(
-            archive, &listing.info, listing.name.data(), listing.name.size(), nullptr, 0, nullptr, 0);
+            archive, &listing.info, listing.name.data(), listing.name.size(), extra.data(), extra.size(), nullptr, 0);
     };
     int status = ask();
     const std::size_t length = listing.info.size_filename;
-    if (status == UNZ_OK && length > kUsualName) {
-        listing.name.assign(length, '\0');
+    const bool isLong = length > kUsualName;
+    if (status == UNZ_OK && (isLong || listing.info.size_file_extra != 0)) {
+        listing.name.assign(std::max(length, kUsualName), '\0');
+        extra.assign(listing.info.size_file_extra, '\0');
         status = ask();
     }
     listing.name.resize(length); // the library ends only those names with a NUL that leave room for it
+    resolveSizes(listing, extra);
     return status;
 }
 
@@ -251,17 +298,33 @@ void makeDirectory(Logger& logger, const Path& directory)
     dir::make(directory, true);
 }
 
+// minizip hands out what it does not know undecoded, as if it were the content.
+void refuseUnknown(const Listing& listing)
+{
+    constexpr unsigned long kStrongEncryption = 64; // flag
+    constexpr unsigned long kAes = 99;              // method
+    const unsigned long method = listing.info.compression_method;
+    if (method == kAes || (listing.info.flag & kStrongEncryption) != 0)
+        fail("Failed to open file in archive. Only traditional encryption is supported: " + listing.name);
+    if (method != 0 && method != Z_DEFLATED)
+        fail("Failed to open file in archive. Compression method " + std::to_string(method) +
+             " is not supported: " + listing.name);
+}
+
 std::unique_ptr<archive::Entry> openEntry(unzFile archive, const Listing& listing, const std::string& password)
 {
     constexpr unsigned long kEncrypted = 1; // flag
-    constexpr unsigned long kAes = 99;      // method
-    const bool isEncrypted = (listing.info.flag & kEncrypted) != 0;
-    if (isEncrypted && listing.info.compression_method == kAes)
-        fail("Failed to open file in archive. AES encryption is not supported: " + listing.name);
+    refuseUnknown(listing);
 
     int status = UNZ_OK;
-    auto entry = isEncrypted ? archive::openEncryptedEntry(archive, listing.info, password, status)
-                             : archive::openPlainEntry(archive, status);
+    std::unique_ptr<archive::Entry> entry;
+    if ((listing.info.flag & kEncrypted) != 0) {
+        entry = archive::openEncryptedEntry(archive, listing.info, password, status);
+    } else if (listing.isZip64) {
+        entry = archive::openRawEntry(archive, listing.info, status);
+    } else {
+        entry = archive::openPlainEntry(archive, status);
+    }
     if (status == archive::kBadPassword)
         fail("Failed to open file in archive due to bad password. Error Code: " + std::to_string(status));
     if (!entry) fail("Failed to open file in archive. Error Code: " + std::to_string(status));
@@ -272,7 +335,7 @@ void copyEntry(Logger& logger, archive::Entry& entry, const Listing& listing, co
 {
     const auto refuseTarget = [&] { fail("Failed to write file during decompression: " + target.u8string()); };
     const auto refuseEntry = [&] { fail("Failed to read data from archive for file " + listing.name); };
-    const Buffer buffer = makeBuffer();
+    const auto buffer = copyBuffer();
     unsigned long left = listing.info.uncompressed_size;
     try {
         const File file(logger, target, FileOpenMode::Write | FileOpenMode::Create);
@@ -315,7 +378,7 @@ void Zip::compress(const std::unordered_map<std::string, Path>& files, const Pat
 {
     Logger::Entry(m_logger, Logger::DEBUG) << "Creating zip archive " << archive.u8string();
     ArchiveWriter writer(m_logger, archive);
-    const Buffer buffer = makeBuffer();
+    const auto buffer = copyBuffer();
     for (const auto& [name, source] : files) writer.add(name, source, level, buffer.get());
     writer.close();
 }

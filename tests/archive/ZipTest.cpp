@@ -1,0 +1,249 @@
+#include "agent/Zip.h"
+#include "Support.h"
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdint>
+#include <random>
+
+namespace agent {
+namespace {
+
+using namespace std::string_literals;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+const std::string kNotRead = "runtime: Failed to read data from archive for file f";
+const std::string kNotOpened = "runtime: Failed to open file in archive";
+const std::string kBadPassword = kNotOpened + " due to bad password. Error Code: -106";
+const std::string kSecret = // "attack at dawn" behind the password "secret"
+    "\x96\x7B\x9B\x15\x89\x99\xD7\xCC\xC4\x4E\x99\x45\xC4\xB3\x78\x19\x27\xCD\x7C\x09\x5B\x29\x75\x8C\x3E\xC5";
+
+std::string little(std::uint64_t value, int bytes)
+{
+    std::string text;
+    for (; bytes > 0; --bytes, value >>= 8U) text += static_cast<char>(value);
+    return text;
+}
+
+/// What an archive shows of an entry, be it true or not. The default is a stored "attack at dawn".
+struct Entry {
+    std::string name = "f";
+    std::string data = "attack at dawn";
+    std::uint32_t size = 14;
+    std::uint32_t crc = 0x5A34750A;
+    std::uint16_t method = 0;
+    std::uint16_t flags = 0;
+    std::size_t more = 0; ///< compressed bytes claimed beyond the data
+};
+
+const Entry kDirectory{.name = "x/", .data = "", .size = 0, .crc = 0};
+
+std::string archiveOf(const std::vector<Entry>& entries)
+{
+    std::string body;
+    std::string directory;
+    for (const Entry& e : entries) {
+        const std::string both = little(20, 2) + little(e.flags, 2) + little(e.method, 2) + "\xAA\x49\x75\x5D" +
+                                 little(e.crc, 4) + little(e.data.size() + e.more, 4) + little(e.size, 4) +
+                                 little(e.name.size(), 2) + little(0, 2);
+        directory += "PK\1\2" + little(20, 2) + both + little(0, 10) + little(body.size(), 4) + e.name;
+        body += "PK\3\4" + both + e.name + e.data;
+    }
+    return body + directory + "PK\5\6" + little(0, 4) + little(entries.size(), 2) + little(entries.size(), 2) +
+           little(directory.size(), 4) + little(body.size(), 4) + little(0, 2);
+}
+
+/// An archive, a place to extract it to, and a directory around both that must see nothing else.
+class ZipTest : public testing::Test {
+protected:
+    void TearDown() override { EXPECT_EQ(test::openDescriptors(), descriptors); }
+
+    void run(const std::string& command) const
+    {
+        ASSERT_EQ(std::system(("cd '" + dir.path() + "' && " + command).c_str()), 0) << command;
+    }
+    std::string extract(const std::string& password = "", bool overwrite = false, bool keepBoth = false) const
+    {
+        return test::thrownBy([&] { zip.decompress(archive, out, password, overwrite, keepBoth); });
+    }
+    std::string compress(const std::unordered_map<std::string, Path>& files, const Path& to, int level = 6) const
+    {
+        return test::thrownBy([&] { zip.compress(files, to, level); });
+    }
+
+    test::TempDir dir;
+    test::CapturingLogger log;
+    Zip zip{log.logger()};
+    std::string archive = dir / "a.zip";
+    std::string out = dir / "out";
+    long descriptors = test::openDescriptors();
+};
+
+TEST_F(ZipTest, WhatItPacksOthersUnpackAndTheOtherWayRound)
+{
+    std::string noise(3'000'000, '\0');
+    std::generate(noise.begin(), noise.end(), std::mt19937()); // NOLINT(cert-msc*): the same bytes each time
+    run("mkdir -p in/sub\\ dir in/none");
+    dir.file("in/empty", "");
+    dir.file("in/sub dir/\xC3\xA9\x01", std::string(1'500'000, 'x') + noise.substr(0, 99));
+    dir.file("in/noise", noise);
+    for (const int level : {-1, 0, 1, 6, 9}) {
+        const Path text = dir / "in/sub dir/\xC3\xA9\x01";
+        ASSERT_EQ(
+            compress({{"noise", dir / "in/noise"}, {"empty", dir / "in/empty"}, {"s/text", text}}, archive, level),
+            "nothing");
+        run("unzip -tqq a.zip && unzip -qq a.zip -d theirs && cat in/empty in/noise in/s*/* > a && cd theirs"
+            " && cat empty noise s/text | cmp - ../a && [ $(grep -ao KestaArchive ../a.zip | wc -l) = 3 ]");
+        ASSERT_EQ(extract(), "nothing") << level;
+        run("diff -r theirs out && rm -r theirs out");
+        const std::string bytes = test::contentOf(archive);
+        EXPECT_EQ(bytes.substr(bytes.find("PK\1\2") + 12, 4), "\0\0\x20\0"s) << "day 0 of January 1980";
+    }
+    for (const std::string options : {"-0", "-9", "-fz", "-P secret", "-0 -P secret", "-fz -P secret"}) {
+        run("rm -rf a.zip out && cd in && zip -qr " + options + " ../a.zip .");
+        ASSERT_EQ(extract("secret"), "nothing") << options;
+        run("diff -r in out");
+    }
+    run("rm -rf a.zip out && ln -s /etc/passwd link && zip -qy a.zip link");
+    ASSERT_EQ(extract(), "nothing");
+    run("[ ! -L out/link ] && [ \"$(cat out/link)\" = /etc/passwd ]");
+}
+
+TEST_F(ZipTest, RefusesHostileEntriesAndLeavesNothingBehind)
+{
+    const std::string longName(300, 'n');
+    const std::string leaves = "runtime: Entry name leaves the destination: ";
+    struct Case {
+        std::string why;
+        Entry entry;
+        std::string expected = kNotRead;
+        std::string password = "secret";
+    };
+    const Case cases[] = {
+        {"climbs", {.name = "../f"}, leaves + "../f"},
+        {"climbs in the middle", {.name = "x/../../f"}, leaves + "x/../../f"},
+        {"climbs as others write it", {.name = "x\\..\\f"}, leaves + "x\\..\\f"},
+        {"a directory that climbs", {.name = "x/../", .data = "", .size = 0, .crc = 0}, leaves + "x/../"},
+        {"a NUL inside", {.name = "f\0.txt"s}, "runtime: Entry name holds a NUL: f"},
+        {"a name cut by the library", {.name = longName},
+            "runtime: Failed to write file during decompression: " + out + '/' + longName},
+        {"wrong checksum", {.crc = 1}},
+        {"shorter than it says", {.size = 15}},
+        {"longer than it says", {.size = 13}},
+        {"no deflate stream", {.data = "\xFF????", .method = 8}},
+        {"deflate stream without an end", {.data = "\x4A", .method = 8}},
+        {"beyond deflate's ratio", {.data = "\x03\0"s, .size = 3 * 1032, .method = 8}},
+        {"more than the archive", {.more = 200}},
+        {"not a size of 64 bits", {.size = 0xFFFFFFFF}},
+        {"unknown method", {.method = 12}, kNotOpened + ". Compression method 12 is not supported: f"},
+        {"modern encryption", {.method = 99, .flags = 1}, kNotOpened + ". Only traditional encryption is supported: f"},
+        {"no password", {.data = kSecret, .flags = 9}, kBadPassword, ""},
+        {"wrong password", {.data = kSecret, .flags = 9}, kBadPassword, "secreT"},
+        {"wrong by the checksum's byte", {.data = kSecret, .flags = 1}, kBadPassword},
+        {"encrypted, damaged", {.data = kSecret, .crc = 1, .flags = 9}},
+        {"encrypted, longer", {.data = kSecret, .size = 13, .flags = 9}},
+        {"encrypted, no deflate stream", {.data = kSecret, .method = 8, .flags = 9}},
+    };
+    for (const auto& [why, entry, expected, password] : cases) {
+        dir.file("a.zip", archiveOf({entry}));
+        EXPECT_EQ(extract(password), expected) << why;
+        run("[ \"$(find . -type f)\" = ./a.zip ]");
+        EXPECT_EQ(test::openDescriptors(), descriptors) << why;
+    }
+    const std::string whole = archiveOf({{.data = kSecret, .flags = 9}, {.name = longName + "/g"}});
+    for (std::size_t size = 0; size < whole.size(); ++size) {
+        dir.file("a.zip", whole.substr(0, size));
+        EXPECT_NE(extract("secret", true), "nothing") << size;
+    }
+}
+
+TEST_F(ZipTest, TreatsExistingFilesAsAsked)
+{
+    std::filesystem::create_directory(out);
+    const std::string existing = dir.file("out/f", "something longer than that");
+    dir.file("a.zip", archiveOf({{}, kDirectory, {.name = "/y/g"}}));
+    ASSERT_EQ(extract(), "nothing");
+    ASSERT_EQ(extract("", true, true), "nothing");
+    const auto lines = log.lines();
+    EXPECT_EQ(lines[0], "4 Extracting zip archive " + archive + " at " + out);
+    EXPECT_EQ(lines[1], "4 " + existing + " already exists, not overwriting or extracting copy.");
+    EXPECT_EQ(lines[2], "3 Creating directory " + out + "/x");
+    EXPECT_EQ(lines[3], "3 Creating directory " + out + "/y");
+    EXPECT_EQ(test::contentOf(out + "/y/g"), "attack at dawn") << "an absolute name, below the destination";
+    EXPECT_EQ(test::contentOf(out + "/f (1)"), "attack at dawn") << "to keep both beats to overwrite";
+
+    dir.file("a.zip", archiveOf({{.data = kSecret, .flags = 9}}));
+    EXPECT_EQ(extract("secreT", true), kBadPassword);
+    EXPECT_EQ(test::contentOf(existing), "something longer than that") << "a bad password destroys nothing";
+    ASSERT_EQ(extract("secret", true), "nothing");
+    EXPECT_EQ(test::contentOf(existing), "attack at dawn");
+
+    dir.file("out/x/f", "");
+    for (const char* const name : {"x/f/", "x/f/g"}) {
+        dir.file("a.zip", archiveOf({{.name = name, .data = "", .size = 0, .crc = 0}}));
+        EXPECT_EQ(extract("", true), "runtime: Cannot create directory " + out + "/x/f, file of same name exists");
+    }
+    dir.file("a.zip", archiveOf({{.name = "/etc/f"}}));
+    EXPECT_EQ(test::thrownBy([&] { zip.decompress(archive, "", "", false, false); }),
+        "runtime: Entry name leaves the destination: /etc/f");
+}
+
+TEST_F(ZipTest, TellsWhatItCouldNotPackAndLeavesNoArchive)
+{
+    const std::string source = dir.file("source", "text");
+    const std::string missing = dir / "missing";
+    const std::string notPacked = "runtime: Could not open zip archive ";
+    const std::string notOpened = notPacked + "for writing file " + source + " in archive " + archive + " err: ";
+    EXPECT_EQ(compress({}, missing + "/a.zip"), notPacked + missing + "/a.zip");
+    EXPECT_EQ(compress({{"f", missing}}, archive), "runtime: Could not open file for reading: " + missing);
+    EXPECT_EQ(compress({{"f", archive}}, archive), "runtime: Could not open file for reading: " + archive);
+    EXPECT_THAT(compress({{"f", dir.path()}}, archive), StartsWith("runtime: Failed to write data from file "));
+    EXPECT_EQ(compress({{"f", source}}, archive, 10), notOpened + "-2");
+    EXPECT_EQ(compress({{std::string(65'536, 'n'), source}}, archive), notOpened + "-102");
+    EXPECT_EQ(compress({{"f\0g"s, source}}, archive), notOpened + "-102");
+    EXPECT_FALSE(std::filesystem::exists(archive));
+    EXPECT_EQ(compress({}, archive), "nothing");
+    EXPECT_EQ(std::filesystem::file_size(archive), 22U);
+
+    const int next = ::dup(0); // the number that the archive will have, to pack what the kernel tells of it
+    (void)::close(next);
+    ASSERT_EQ(compress({{"f", "/proc/self/fdinfo/" + std::to_string(next)}}, archive), "nothing");
+    ASSERT_EQ(extract(), "nothing");
+    EXPECT_THAT(test::contentOf(out + "/f"), HasSubstr("flags:\t02100001")) << "close-on-exec";
+}
+
+TEST_F(ZipTest, AFullDiskIsNeverSilent)
+{
+    const std::string source = dir.file("source", "text");
+    EXPECT_EQ(compress({{"f", source}}, "/dev/full"),
+        "runtime: Failed to write data from file " + source + " in archive /dev/full err: -1");
+    EXPECT_EQ(log.lines().back(), "1 Exception while closing zip file: -1");
+    EXPECT_EQ(compress({}, "/dev/full"), "runtime: Failed to close zip file archive /dev/full");
+
+    const std::string large = dir.file("large", std::string(20'000, 'x'));
+    ASSERT_EQ(compress({{"f", large}, {"g", source}}, archive, 0), "nothing");
+    rlimit before{};
+    (void)::getrlimit(RLIMIT_FSIZE, &before);
+    const auto handler = std::signal(SIGXFSZ, SIG_IGN);
+    const auto limit = [&](rlim_t bytes) {
+        const rlimit lowered{bytes, before.rlim_max};
+        (void)::setrlimit(RLIMIT_FSIZE, &lowered);
+    };
+    limit(10'000);
+    EXPECT_EQ(extract(), "runtime: Failed to write file during decompression: " + out + "/f");
+    EXPECT_FALSE(std::filesystem::exists(out + "/f")) << "half a file";
+    for (auto size = std::filesystem::file_size(archive); size > 0; size -= size > 20'000 ? 1 : std::min(size, 99UL)) {
+        limit(size - 1);
+        EXPECT_NE(compress({{"f", large}, {"g", source}}, dir / "b.zip", 0), "nothing") << size;
+    }
+    limit(before.rlim_cur);
+    (void)std::signal(SIGXFSZ, handler);
+    EXPECT_FALSE(std::filesystem::exists(dir / "b.zip"));
+}
+
+} // namespace
+} // namespace agent

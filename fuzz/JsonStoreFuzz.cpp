@@ -1,14 +1,17 @@
-// The file of a store, as it comes from outside: refused, or read, changed, and read again with the same result.
+// A store's file from outside: what can be loaded takes a change, keeps the rest, and is the same when it is loaded
+// again; what cannot is left alone. And any text is a key whose value is found where it was put.
 
 #include "Require.h"
 
 #include "agent/JSONConfigDataProvider.h"
+#include "agent/PosixError.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 
@@ -16,38 +19,88 @@ namespace {
 
 using agent::JSONConfigDataProvider;
 using agent::fuzz::require;
+using nlohmann::json;
 
-class Store {
+/// A file in a directory that goes when the program ends.
+class StoreFile {
 public:
-    Store() { require(::mkdtemp(m_directory.data()) != nullptr); }
-    Store(const Store&) = delete;
-    Store& operator=(const Store&) = delete;
-    ~Store() { std::filesystem::remove_all(m_directory); }
-
-    void check(const std::string& text) const
+    StoreFile()
     {
-        const std::string path = m_directory + "/store";
-        std::ofstream(path, std::ios::binary) << text;
-        try {
-            JSONConfigDataProvider store(path, true);
-            store.set("fuzz.key", 1);
-            const JSONConfigDataProvider again(path, true);
-            require(again.document() == store.document() && again.get("fuzz.key") == 1);
-        } catch (const std::runtime_error&) { // refused, or "fuzz" is no object in it
-        }
+        std::string name = std::filesystem::exists("/dev/shm") ? "/dev/shm/" : "/tmp/"; // memory: each change is synced
+        require(::mkdtemp((name += "store_fuzz_XXXXXX").data()) != nullptr);
+        m_directory = name;
+    }
+    StoreFile(const StoreFile&) = delete;
+    StoreFile& operator=(const StoreFile&) = delete;
+    ~StoreFile() { std::filesystem::remove_all(m_directory); }
+
+    std::string path() const { return m_directory / "store.json"; }
+
+    void fill(const std::string& text) const { std::ofstream(path(), std::ios::binary) << text; }
+
+    std::string content() const
+    {
+        std::ifstream stream(path(), std::ios::binary);
+        return {std::istreambuf_iterator<char>(stream), {}};
     }
 
 private:
-    std::string m_directory = (std::filesystem::temp_directory_path() / "agentkit_fuzz_XXXXXX").string();
+    std::filesystem::path m_directory;
 };
+
+/// Whether the action was done and not refused; a failed system call is a fault of the store.
+template <typename Action>
+bool isDone(Action action)
+{
+    try {
+        action();
+        return true;
+    } catch (const agent::PosixError&) {
+        std::abort();
+    } catch (const std::runtime_error&) {
+        return false;
+    }
+}
+
+void change(const StoreFile& file, const std::string& text)
+{
+    file.fill(text);
+    json expected;
+    const bool isChanged = isDone([&] {
+        JSONConfigDataProvider store(file.path(), true);
+        expected = store.document();
+        expected["changed"] = text.size();
+        store.set("changed", text.size());
+        require(store.document() == expected);
+    });
+    if (isChanged) {
+        require(JSONConfigDataProvider(file.path(), true).document() == expected);
+    } else {
+        require(file.content() == text);
+    }
+}
+
+void findWhatWasSet(const StoreFile& file, const std::string& key)
+{
+    const std::string before = R"({"0": {"1.2": {"": 1}}, "1": "text"})";
+    file.fill(before);
+    JSONConfigDataProvider store(file.path(), true);
+    if (isDone([&] { store.set(key, 7); })) {
+        require(store.get(key) == 7);
+        require(JSONConfigDataProvider(file.path(), true).document() == store.document());
+    } else {
+        require(file.content() == before);
+    }
+}
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    static const Store store;
+    static const StoreFile file;
     const std::string text(reinterpret_cast<const char*>(data), size);
-    store.check(text);
-    if (size < 3) store.check("{\"a\": [" + text + "]}"); // numbers, for inputs that were not made for JSON
+    change(file, text);
+    change(file, "{\"value\": " + text + "}"); // numbers, mostly, where no fuzzer makes the text
+    findWhatWasSet(file, text);
     return 0;
 }

@@ -26,6 +26,9 @@ public:
     /// with the default 0, and ".autoExpand.disable", with the default false.
     static std::vector<Option> forVolumes();
 
+    /// Whether an option is about the key.
+    bool knows(const std::string& key) const;
+
     /// The first option that is about the key.
     /// @throws std::invalid_argument  naming the key, if there is none
     const Option& find(const std::string& key) const;
@@ -65,8 +68,7 @@ public:
     /// @param replace  true: the document becomes the configuration. False: it is merged into it member by member, and
     ///                 a member of null is removed (RFC 7396).
     /// @throws std::invalid_argument  naming an unknown key
-    /// @throws std::runtime_error     for a value of the wrong type, or a document that is no object or cannot be
-    /// stored
+    /// @throws std::runtime_error     for a value of the wrong type, or a document that is no object or not storable
     /// @throws PosixError             if the file cannot be written
     void setJSON(nlohmann::json document, bool replace) override;
 

@@ -55,8 +55,8 @@ AGENTKIT_API std::string to_string(JSONKeyValidator::Type type);
 ///     store.set("volumes.sda1.cowFileSizeMiB", 2048);
 ///
 /// Keys are dotted: each part names a member of the object before it. Names of members may have dots of their own:
-/// "volumes.a.b" finds the member "volumes.a.b", or "a.b" in "volumes", or "b" in "a" in "volumes", whichever is there
-/// first in this order.
+/// "volumes.a.b" finds the member "volumes.a.b", or "b" in "volumes.a", or "a.b" in "volumes", or "b" in "a" in
+/// "volumes", whichever is there first in this order.
 ///
 /// The file is read once, by the constructor. Each change rewrites it as a whole: after a crash or on a full disk it
 /// holds the old document or the new one. Mode and owner are kept, a new file has mode 0600. A link is followed.
@@ -79,10 +79,10 @@ public:
 
     /// Replaces the key's value; what is missing of the objects on the way to it is added, other members are kept.
     /// @throws PosixError          if the file cannot be written
-    /// @throws std::runtime_error  naming the path and the key, if a value on the way is no object, or the new one is
-    /// not
-    ///                             UTF-8 or nests too deep. The document and, but for a failed fsync of its folder, the
-    ///                             file are as they were after any failure.
+    /// @throws std::runtime_error  naming the path, if a value on the way is no object, or if the new one is not UTF-8,
+    ///                             nests too deep or has no form in JSON (not a number, for instance).
+    ///                             The document and, but for a failed fsync of its folder, the file are as they were
+    ///                             after any failure.
     void set(const std::string& key, const nlohmann::json& value);
 
     const nlohmann::json& document() const { return m_document; }

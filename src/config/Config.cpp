@@ -1,6 +1,6 @@
 #include "agent/Config.h"
 
-#include "config/JsonDepth.h"
+#include "config/StorableJson.h"
 
 #include "agent/db/IDbConfigDataProvider.h"
 
@@ -35,6 +35,11 @@ std::vector<ConfigOptions::Option> ConfigOptions::forVolumes()
     };
 }
 
+bool ConfigOptions::knows(const std::string& key) const
+{
+    return std::ranges::any_of(m_options, [&](const Option& option) { return option.keys.matches(key); });
+}
+
 const ConfigOptions::Option& ConfigOptions::find(const std::string& key) const
 {
     const auto found = std::ranges::find_if(m_options, [&](const Option& option) { return option.keys.matches(key); });
@@ -44,13 +49,13 @@ const ConfigOptions::Option& ConfigOptions::find(const std::string& key) const
 
 namespace {
 
-// Every value that is no object, by its dotted key; null removes when merged, and needs no type. The document's depth
-// has been checked.
+// Every value that is no object, by its dotted key; null removes when merged, and needs no type. An empty object is a
+// place for options, or an option of the wrong type. The document's depth has been checked.
 void validateMembers(const ConfigOptions& options, const json& object, const std::string& prefix)
 {
     for (const auto& [name, value] : object.items()) {
         const std::string key = prefix + name;
-        if (value.is_object()) {
+        if (value.is_object() && !(value.empty() && options.knows(key))) {
             validateMembers(options, value, key + '.');
         } else if (!value.is_null()) {
             options.find(key).keys.validate(key, value);
@@ -105,7 +110,7 @@ std::string Config::getJSON() const
 
 void Config::setJSON(json document, bool replace)
 {
-    refuseDeepJson(document, "the configuration");
+    refuseUnstorable(document, "the configuration");
     if (!document.is_object())
         throw std::runtime_error(std::string("The configuration must be a JSON object, not ") + document.type_name());
     validateMembers(m_options, document, "");

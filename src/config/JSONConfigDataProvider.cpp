@@ -1,6 +1,6 @@
 #include "agent/JSONConfigDataProvider.h"
 
-#include "config/JsonDepth.h"
+#include "config/StorableJson.h"
 #include "core/Io.h"
 #include "core/ReplaceFile.h"
 
@@ -10,6 +10,7 @@
 
 #include <array>
 #include <cerrno>
+#include <cmath>
 #include <optional>
 #include <stdexcept>
 #include <string_view>
@@ -89,12 +90,15 @@ Json* find(Json& object, std::string_view key)
 
 } // namespace
 
-void refuseDeepJson(const json& document, const std::string& what)
+void refuseUnstorable(const json& document, const std::string& what)
 {
     std::vector<std::pair<const json*, int>> open{{&document, 1}};
     while (!open.empty()) {
         const auto [value, level] = open.back();
         open.pop_back();
+        const bool isNumber = !value->is_number_float() || std::isfinite(value->get<double>());
+        if (!isNumber || value->is_binary() || value->is_discarded())
+            throw std::runtime_error(what + " has a value that JSON cannot express");
         if (!value->is_structured()) continue;
         if (level > kMostJsonLevels)
             throw std::runtime_error(what + " nests deeper than " + std::to_string(kMostJsonLevels) + " levels");
@@ -118,7 +122,7 @@ json JSONConfigDataProvider::get(const std::string& key) const
 
 void JSONConfigDataProvider::set(const std::string& key, const json& value)
 {
-    refuseDeepJson(value, "the value of \"" + key + "\" for " + io::quoted(m_path));
+    refuseUnstorable(value, "the value of \"" + key + "\" for " + io::quoted(m_path));
     json changed = m_document;
     if (json* const found = find(changed, key)) {
         *found = value;
@@ -138,7 +142,7 @@ void JSONConfigDataProvider::set(const std::string& key, const json& value)
 
 void JSONConfigDataProvider::setDocument(const json& document)
 {
-    refuseDeepJson(document, "the document for " + io::quoted(m_path));
+    refuseUnstorable(document, "the document for " + io::quoted(m_path));
     if (!document.is_object())
         refuse(m_path, std::string("takes a JSON object, and was given ") + document.type_name());
     std::string text;

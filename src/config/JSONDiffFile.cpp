@@ -1,6 +1,6 @@
 #include "agent/JSONDiffFile.h"
 
-#include "config/JsonDepth.h"
+#include "config/StorableJson.h"
 
 #include "agent/Path.h"
 
@@ -10,7 +10,7 @@ using nlohmann::json;
 
 json JSONDiffFile::diffAndUpdate(JSONConfigDataProvider& store, const std::string& key, const json& newDocument)
 {
-    refuseDeepJson(newDocument, "the new value of \"" + key + "\" for \"" + store.path().u8string() + "\"");
+    refuseUnstorable(newDocument, "the new value of \"" + key + "\" for \"" + store.path().u8string() + "\"");
     json patch = json::diff(store.get(key), newDocument);
     store.set(key, newDocument);
     return patch;

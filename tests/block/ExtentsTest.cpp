@@ -3,87 +3,68 @@
 
 #include <linux/fiemap.h>
 #include <linux/fs.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
-#include <memory>
 #include <optional>
 
 namespace {
 
-/// What the file system answers while a test has one set.
+/// What the system answers while a test has one set.
 struct Script {
     unsigned int counted = 0; ///< number of extents that the first request reports
     std::vector<fiemap_extent> extents = {};
-    int countError = 0;
-    int fetchError = 0;
-    int statError = 0;
-    int closeError = 0;
-    int requests = 0; ///< so far
+    long failingCall = 0; ///< SYS_ioctl fails at the request of number `counted`
+    int requests = 0;     ///< so far
 };
 std::optional<Script> g_script;
 
-int failing(int error)
+int result(long call, int otherwise)
 {
-    errno = error;
-    return error == 0 ? 0 : -1;
+    if (!g_script || g_script->failingCall != call) return otherwise;
+    errno = EIO;
+    return -1;
 }
 
 int answer(fiemap& request)
 {
-    EXPECT_EQ(request.fm_start, 0U);
-    EXPECT_EQ(request.fm_length, ~0ULL);
-    EXPECT_EQ(request.fm_flags, 0U);
-    if (g_script->requests++ == 0) {
-        EXPECT_EQ(request.fm_extent_count, 0U);
-        request.fm_mapped_extents = g_script->counted;
-        return failing(g_script->countError);
-    }
-    EXPECT_EQ(request.fm_extent_count, g_script->counted);
+    const bool counts = g_script->requests++ == 0;
+    EXPECT_TRUE(request.fm_start == 0 && request.fm_length == ~0ULL && request.fm_flags == 0);
+    EXPECT_EQ(request.fm_extent_count, counts ? 0 : g_script->counted);
     const auto count = std::min<std::size_t>(request.fm_extent_count, g_script->extents.size());
     std::copy_n(g_script->extents.begin(), count, static_cast<fiemap_extent*>(request.fm_extents));
-    request.fm_mapped_extents = static_cast<unsigned int>(count);
-    return failing(g_script->fetchError);
+    request.fm_mapped_extents = counts ? g_script->counted : static_cast<unsigned int>(count);
+    return g_script->requests == static_cast<int>(g_script->counted) ? result(SYS_ioctl, 0) : 0;
 }
 
 } // namespace
 
 // The library's calls come here first.
-extern "C" AGENTKIT_API int ioctl(int fd, unsigned long request, ...) noexcept
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): the system's declarations
+extern "C" AGENTKIT_API int ioctl(int fd, unsigned long request, void* argument) noexcept
 {
-    va_list arguments;
-    va_start(arguments, request);
-    void* const argument = va_arg(arguments, void*);
-    va_end(arguments);
     if (g_script && request == FS_IOC_FIEMAP) return answer(*static_cast<fiemap*>(argument));
     return static_cast<int>(::syscall(SYS_ioctl, fd, request, argument));
 }
-
-// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): the system's declaration
 extern "C" AGENTKIT_API int fstat64(int fd, struct stat64* status) noexcept
 {
-    if (g_script && g_script->statError != 0) return failing(g_script->statError);
-    return static_cast<int>(::syscall(SYS_fstat, fd, status));
+    return result(SYS_fstat, static_cast<int>(::syscall(SYS_fstat, fd, status)));
 }
-
 extern "C" AGENTKIT_API int close(int fd)
 {
-    const auto result = static_cast<int>(::syscall(SYS_close, fd));
-    return g_script && g_script->closeError != 0 ? failing(g_script->closeError) : result;
+    return result(SYS_close, static_cast<int>(::syscall(SYS_close, fd)));
 }
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)
 
 namespace agent::core::block {
 namespace {
 
 using test::thrownBy;
 using Ranges = std::vector<BlockRange>;
-using Lines = std::vector<std::string>;
 
 class Extents : public testing::Test {
 protected:
@@ -93,12 +74,12 @@ protected:
         EXPECT_EQ(test::openDescriptors(), m_descriptors);
     }
 
-    static fiemap_extent extent(unsigned long physical, unsigned long length, bool last = false)
+    static fiemap_extent extent(unsigned long physical, unsigned long length, unsigned int flags = 0)
     {
         fiemap_extent extent{};
         extent.fe_physical = physical;
         extent.fe_length = length;
-        extent.fe_flags = FIEMAP_EXTENT_ENCODED | (last ? FIEMAP_EXTENT_LAST : 0U);
+        extent.fe_flags = FIEMAP_EXTENT_ENCODED | flags;
         return extent;
     }
 
@@ -106,44 +87,46 @@ protected:
     test::TempDir m_dir;
     test::CapturingLogger m_log;
     std::string m_file = m_dir.file("file", std::string(4097, 'x'));
+    std::string m_quoted = '"' + m_file + '"';
     Ranges m_out{{7, 7}};
 };
 
 TEST_F(Extents, AreThoseThatTheSystemsOwnToolFinds)
 {
-    for (const int islands : {0, 1, 40}) {
-        const std::string path = m_dir / std::to_string(islands);
-        std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "w"), &std::fclose);
-        for (int i = 0; i < islands; ++i) {
-            (void)std::fseek(file.get(), i * 1'000'000L, SEEK_SET);
-            (void)std::fputs("some data", file.get());
-        }
-        (void)std::fflush(file.get());
-        (void)::ftruncate(::fileno(file.get()), 50'000'000);
-        (void)::fsync(::fileno(file.get()));
-
-        Ranges expected;
-        const std::string command = "filefrag -v -b512 " + path + " 2>/dev/null";
-        const std::unique_ptr<std::FILE, int (*)(std::FILE*)> tool(
-            ::popen(command.c_str(), "r"), &::pclose); // NOLINT(cert-env33-c): a path of our own making
-        char line[256];
-        unsigned long start = 0;
-        unsigned long count = 0;
-        while (std::fgets(line, sizeof line, tool.get()) != nullptr) {
-            // NOLINTNEXTLINE(cert-err34-c): numbers of the tool, and wrong ones would not compare equal
-            if (std::sscanf(line, " %*d: %*d.. %*d: %lu.. %*d: %lu:", &start, &count) == 2)
-                expected.emplace_back(start, count);
-        }
-        const std::string failure = thrownBy([&] { extents(m_log.logger(), path, 512, m_out); });
-        if (failure.find("FIEMAP IoCtl for file") != std::string::npos) GTEST_SKIP() << failure;
-        EXPECT_EQ(failure, "nothing");
-        EXPECT_EQ(m_out, expected);
-        EXPECT_GE(m_out.size(), static_cast<std::size_t>(islands));
+    const std::string path = m_dir / "fragments";
+    const std::string make = "for i in $(seq 40); do echo data | dd of=$f bs=100000 seek=$i conv=notrunc; done; ";
+    const std::string ask = "truncate -s 9M $f; sync $f; PATH=$PATH:/usr/sbin filefrag -v -b512 $f";
+    // NOLINTNEXTLINE(cert-env33-c): a path of our own making
+    std::FILE* const tool = ::popen(("exec 2>/dev/null; f=" + path + "; " + make + ask).c_str(), "r");
+    Ranges expected;
+    char line[256];
+    unsigned long start = 0;
+    unsigned long count = 0;
+    while (std::fgets(line, sizeof line, tool) != nullptr) {
+        // NOLINTNEXTLINE(cert-err34-c): numbers of the tool, and wrong ones would not compare equal
+        if (std::sscanf(line, " %*d: %*d.. %*d: %lu.. %*d: %lu:", &start, &count) == 2)
+            expected.emplace_back(start, count);
     }
+    (void)::pclose(tool);
+    const std::string failure = thrownBy([&] { extents(m_log.logger(), path, 512, m_out); });
+    if (failure.find("FIEMAP IoCtl for file") != std::string::npos) GTEST_SKIP() << failure;
+    EXPECT_EQ(m_out, expected);
+    EXPECT_GE(m_out.size(), 40U);
 }
 
 TEST_F(Extents, TellWhatWasFoundAndWhatWasExpected)
 {
+    const std::string got = "4 FBRE Linux: Exclude extent { ";
+    const std::string exactly = "4 FBRE Linux: FIEMAP got as many extents as we thought we should have (2 for file ";
+    const auto fewer = [&](const std::string& index) {
+        return "2 FBRE Linux: identified fewer extents for file " + m_quoted +
+               " than we thought we should have (expected 3, got " + index + ")";
+    };
+    const std::string more = "2 FBRE Linux: identified more extents for file " + m_quoted +
+                             " than we thought we should have (expected 2, but got some amount more); some blocks "
+                             "may not be excluded properly";
+    const auto first = extent(1UL << 44, 8192);
+    const auto last = extent(4096, 12287, FIEMAP_EXTENT_LAST);
     struct Case {
         const char* why;
         unsigned int counted;
@@ -151,24 +134,13 @@ TEST_F(Extents, TellWhatWasFoundAndWhatWasExpected)
         Ranges ranges;
         std::string end;
     };
-    const std::string q = "\"" + m_file + "\"";
-    const auto fewer = [&](int expected, int index) {
-        return "2 FBRE Linux: identified fewer extents for file " + q + " than we thought we should have (expected " +
-               std::to_string(expected) + ", got " + std::to_string(index) + ")";
-    };
-    const std::string more =
-        "2 FBRE Linux: identified more extents for file " + q +
-        " than we thought we should have (expected 2, but got some amount more); some blocks may not be excluded "
-        "properly";
-    const std::string exactly = "4 FBRE Linux: FIEMAP got as many extents as we thought we should have (2 for file ";
-    const auto first = extent(1UL << 44, 8192);
     for (const auto& [why, counted, found, ranges, end] : std::vector<Case>{
-             {"none, and no word about it", 0, {}, {}, ""},
-             {"both divisions round down", 2, {extent(8191, 4095), extent(4096, 12287, true)}, {{1, 0}, {1, 2}},
-                 exactly + q + ")"},
-             {"fewer: the index is told", 3, {first, extent(0, 4096, true)}, {{1UL << 32, 2}, {0, 1}}, fewer(3, 1)},
-             {"what comes after the last is left out", 3, {extent(0, 4096, true), first}, {{0, 1}}, fewer(3, 0)},
-             {"more", 2, {first, extent(0, 4096), extent(0, 0, true)}, {{1UL << 32, 2}, {0, 1}}, more},
+             {"none, and no word about it", 0, {}, {},
+                 "4 FIEMAP IoCtl of file " + m_quoted + " reports 0 (pre-merged) extents"},
+             {"both divisions round down", 2, {extent(8191, 4095), last}, {{1, 0}, {1, 2}}, exactly + m_quoted + ")"},
+             {"fewer: the index is told", 3, {first, last}, {{1UL << 32, 2}, {1, 2}}, fewer("1")},
+             {"what comes after the last is left out", 3, {last, first}, {{1, 2}}, fewer("0")},
+             {"more", 2, {first, first, last}, {{1UL << 32, 2}, {1UL << 32, 2}}, more},
              {"emptied meanwhile", 2, {}, {{0, 0}, {0, 0}}, more},
          }) {
         g_script = Script{.counted = counted, .extents = found};
@@ -176,41 +148,36 @@ TEST_F(Extents, TellWhatWasFoundAndWhatWasExpected)
         extents(log.logger(), m_file, 4096, m_out);
         EXPECT_EQ(g_script->requests, 2) << why;
         EXPECT_EQ(m_out, ranges) << why;
-
-        Lines lines{"4 FBRE Linux: Block Size = 4096", "4 FBRE Linux: Block Count = 2",
-            "4 FIEMAP IoCtl of file " + q + " reports " + std::to_string(counted) + " (pre-merged) extents"};
-        for (const BlockRange& range : ranges)
-            lines.push_back("4 FBRE Linux: Exclude extent { " + std::to_string(range.start()) + ", " +
-                            std::to_string(range.count()) + " }");
-        if (!end.empty()) lines.push_back(end);
-        EXPECT_EQ(log.lines(), lines) << why;
+        EXPECT_EQ(log.lines()[0], "4 FBRE Linux: Block Size = 4096");
+        EXPECT_EQ(log.lines()[1], "4 FBRE Linux: Block Count = 2");
+        for (std::size_t i = 0; i < ranges.size(); ++i)
+            EXPECT_EQ(log.lines()[3 + i],
+                got + std::to_string(ranges[i].start()) + ", " + std::to_string(ranges[i].count()) + " }");
+        EXPECT_EQ(log.lines().back(), end) << why;
     }
 }
 
 TEST_F(Extents, FailWithTheirOwnWords)
 {
-    const auto fails = [&](const std::string& path, const std::string& text, int code) {
+    const auto fails = [&](const std::string& path, const Script& script, const std::string& text, int code) {
+        g_script = script;
         EXPECT_EQ(thrownBy([&] { extents(m_log.logger(), path, 512, m_out); }), test::posix(text, code));
         EXPECT_EQ(m_out, (Ranges{{7, 7}})) << "left as it was";
     };
-    const std::string q = "\"" + m_file + "\"";
-    fails(m_dir / "no", "Failed to open handle to file \"" + (m_dir / "no") + "\", error: ", ENOENT);
-    g_script = Script{.statError = EIO};
-    fails(m_file, "Failed to stat file " + q + ", error: ", EIO);
-    g_script = Script{.counted = 1, .countError = EOPNOTSUPP};
-    fails(m_file, "FIEMAP IoCtl for file " + q + " failed, error: ", EOPNOTSUPP);
-    g_script = Script{.counted = 1, .fetchError = EBUSY};
-    fails(m_file, "FIEMAP IoCtl for excluded file " + q + " failed, error ", EBUSY);
-    g_script = Script{.counted = ~0U};
-    fails(m_file, "FIEMAP IoCtl for excluded file " + q + " failed, error ", EINVAL);
+    const std::string excluded = "FIEMAP IoCtl for excluded file " + m_quoted + " failed, error ";
+    fails(m_dir / "no", {}, "Failed to open handle to file \"" + (m_dir / "no") + "\", error: ", ENOENT);
+    fails(m_file, {.failingCall = SYS_fstat}, "Failed to stat file " + m_quoted + ", error: ", EIO);
+    fails(m_file, {.counted = 1, .failingCall = SYS_ioctl},
+        "FIEMAP IoCtl for file " + m_quoted + " failed, error: ", EIO);
+    fails(m_file, {.counted = 2, .failingCall = SYS_ioctl}, excluded, EIO);
+    fails(m_file, {.counted = ~0U}, excluded, EINVAL);
     EXPECT_EQ(g_script->requests, 1) << "no memory is asked for that the kernel would not fill";
     EXPECT_EQ(thrownBy([&] { extents(m_log.logger(), m_file, 0, m_out); }).substr(0, 17), "invalid argument:");
 
-    g_script = Script{.closeError = EIO};
+    g_script = Script{.failingCall = SYS_close};
     extents(m_log.logger(), m_file, 512, m_out);
-    EXPECT_EQ(
-        m_log.lines().back(), "2 Failed to close file handle to excluded file " + q + ": " + PosixError::strerror(EIO));
-    EXPECT_TRUE(m_out.empty());
+    EXPECT_EQ(m_log.lines().back(),
+        "2 Failed to close file handle to excluded file " + m_quoted + ": " + PosixError::strerror(EIO));
 }
 
 } // namespace

@@ -137,15 +137,14 @@ TEST_F(Decorators, RefuseALineWithoutADate)
 TEST_F(Decorators, HaveATagForEachLevelAndNoOther)
 {
     const std::vector<std::string> tags{"[CRITICAL:] ", "[ERROR:]    ", "[WARNING:]  ", "[INFO:]     ", "[DEBUG:]    "};
-    for (int level = 0; level < 5; ++level) {
-        const std::string line = m_tag.decorate("m", static_cast<Logger::Level>(level), kWhen);
-        EXPECT_EQ(line, tags[static_cast<std::size_t>(level)] + "m");
-        EXPECT_EQ(m_tag.undecorate(line, m_level, m_when), "m");
-        EXPECT_EQ(m_level, level);
+    for (int level = -1; level <= 5; ++level) {
+        const auto decorate = [&] { return m_tag.decorate("m", static_cast<Logger::Level>(level), kWhen); };
+        if (level < 0 || level > 4) {
+            EXPECT_EXIT((void)decorate(), testing::KilledBySignal(SIGABRT), "");
+        } else {
+            EXPECT_EQ(decorate(), tags.at(static_cast<std::size_t>(level)) + "m");
+        }
     }
-    for (const int level : {-1, 5})
-        EXPECT_EXIT(
-            (void)m_tag.decorate("m", static_cast<Logger::Level>(level), kWhen), testing::KilledBySignal(SIGABRT), "");
 }
 
 } // namespace

@@ -124,62 +124,52 @@ protected:
     }
     ~SocketIoTest() override
     {
-        hangUp();
-        ::close(m_pair[0]);
+        for (const int fd : m_pair) ::close(fd);
         Ret::set_logger({});
     }
 
-    int ours() const { return m_pair[0]; }
-    int theirs() const { return m_pair[1]; }
-    void hangUp()
-    {
-        if (m_pair[1] >= 0) ::close(std::exchange(m_pair[1], -1));
-    }
-
+    int m_pair[2] = {-1, -1}; // ours and the peer's
     char m_buffer[16] = {};
     unsigned int m_length = sizeof m_buffer;
-
-private:
-    int m_pair[2] = {-1, -1};
 };
 
 TEST_F(SocketIoTest, ReadsWhatIsThere)
 {
-    EXPECT_EQ(SocketIo::write(theirs(), 1s, 5, "hello").code, 0);
-    EXPECT_EQ(SocketIo::read(ours(), 0s, m_length, m_buffer).code, 0);
+    EXPECT_EQ(SocketIo::write(m_pair[1], 1s, 5, "hello").code, 0);
+    EXPECT_EQ(SocketIo::read(m_pair[0], 0s, m_length, m_buffer).code, 0);
     EXPECT_EQ(std::string(m_buffer, m_length), "hello");
     EXPECT_EQ(SocketIo::write(-1, 1s, 0, nullptr).code, 0) << "nothing to do";
 
-    hangUp();
+    ::close(std::exchange(m_pair[1], -1));
     m_length = sizeof m_buffer;
     errno = 0;
-    EXPECT_EQ(told(SocketIo::read(ours(), 1s, m_length, m_buffer)),
+    EXPECT_EQ(told(SocketIo::read(m_pair[0], 1s, m_length, m_buffer)),
         "107 Unable to read from socket, connection closed, errno: 0 so_error: 0 ret: 0");
     EXPECT_EQ(m_length, sizeof m_buffer);
-    EXPECT_EQ(SocketIo::write(ours(), 1s, 1, "x").message, "Unable to poll socket, other end hung up.");
+    EXPECT_EQ(SocketIo::write(m_pair[0], 1s, 1, "x").message, "Unable to poll socket, other end hung up.");
     EXPECT_EQ(SocketIo::write(1000, 1s, 1, "x").message, "Unable to poll socket, invalid poll request");
 }
 
 TEST_F(SocketIoTest, TimesOutInBothDirectionsWithTheSameWords)
 {
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(told(SocketIo::read(ours(), 1s, m_length, m_buffer)), "110 Socket read timeout after 1 seconds");
+    EXPECT_EQ(told(SocketIo::read(m_pair[0], 1s, m_length, m_buffer)), "110 Socket read timeout after 1 seconds");
     EXPECT_GE(std::chrono::steady_clock::now() - start, 2s) << "whole seconds must exceed the time-out";
 
     const std::vector<char> large(10'000'000); // more than the sockets hold
-    EXPECT_EQ(told(SocketIo::write(ours(), 1s, static_cast<unsigned int>(large.size()), large.data())),
+    EXPECT_EQ(told(SocketIo::write(m_pair[0], 1s, static_cast<unsigned int>(large.size()), large.data())),
         "110 Socket read timeout after 1 seconds");
 }
 
 // The documented arithmetic, on which the other end of the protocol relies; and no signal ends the process.
 TEST_F(SocketIoTest, AFirstByteThatCannotBeWrittenCountsAsDone)
 {
-    ::shutdown(ours(), SHUT_WR);
+    ::shutdown(m_pair[0], SHUT_WR);
     const pid_t child = ::fork();
     if (child == 0) {
         (void)std::signal(SIGPIPE, SIG_DFL);
         int pipe[2];
-        const bool sent = SocketIo::write(ours(), 1s, 5, "hello").code == 0 && ::pipe(pipe) == 0;
+        const bool sent = SocketIo::write(m_pair[0], 1s, 5, "hello").code == 0 && ::pipe(pipe) == 0;
         ::_exit(sent && SocketIo::write(pipe[1], 1s, 5, "hello").code == 0 ? 0 : 1); // a pipe is no socket
     }
     int status = -1;

@@ -106,6 +106,10 @@ TEST_F(SizingTest, FilesGrowByAStepUpToAReserve)
         EXPECT_EQ(params->getReservedSpace(), reserve) << why;
         EXPECT_EQ(ours.lines(), lines) << why;
     }
+    config.failing = "volumes.v.autoExpand.stepSizeMiB";
+    const CowFileAutoExpandParamsProvider provider(config, size);
+    const auto params = provider.getAutoExpandParams(log.logger(), "v", 1030 * kMiB, "ext4", false);
+    EXPECT_EQ(params->getStepSize(), 52U) << "whatever is thrown";
 }
 
 TEST_F(SizingTest, FilesCanKeepTheirSize)

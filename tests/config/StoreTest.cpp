@@ -283,7 +283,7 @@ TEST_F(StoreTest, TheConfigurationIsHeldToItsTable)
              {"volumes.bad.autoExpand.stepSizeMiB", "must be of type unsigned integer, not floating-point number"},
              {"volumes.bad.cowFileSizeMiB", "must be of type unsigned integer, not negative integer"},
              {"name", "is of type string and was asked for as unsigned integer"}})
-        EXPECT_THAT(thrownBy([&] { valueOf(key, 99UL); }), AllOf(HasSubstr('"' + key + '"'), HasSubstr(how)));
+        EXPECT_THAT(thrownBy([&, &k = key] { valueOf(k, 99UL); }), AllOf(HasSubstr('"' + key + '"'), HasSubstr(how)));
     EXPECT_THAT(thrownBy([&] { valueOf("volumes.bad.autoExpand.disable", false); }),
         HasSubstr("must be of type boolean, not unsigned integer"));
 
@@ -293,7 +293,7 @@ TEST_F(StoreTest, TheConfigurationIsHeldToItsTable)
              {{{"name", "x"}, {"nam", "y"}}, "key \"nam\""}, {{{"name", 1}}, "string, not unsigned integer"},
              {{{"name", json::object()}}, "string, not object"}, {1, "must be a JSON object"}})
         for (const bool replace : {true, false})
-            EXPECT_THAT(thrownBy([&] { config.setJSON(document, replace); }), HasSubstr(how));
+            EXPECT_THAT(thrownBy([&, &d = document] { config.setJSON(d, replace); }), HasSubstr(how));
     EXPECT_EQ(contentOf(m_path), before);
     config.setJSON({{"name", "x"}, {"volumes", {{"bad", nullptr}}}}, false);
     EXPECT_EQ(stored(), json::parse(R"({"name": "x", "volumes": {"a.b": {"cowFileSizeMiB": 7, "autoExpand":

@@ -5,6 +5,7 @@
 #include "agent/info/Logger.h"
 
 #include <benchmark/benchmark.h>
+#include <sys/resource.h>
 #include <zlib.h>
 
 #include <cstdint>
@@ -13,7 +14,6 @@
 #include <fstream>
 #include <random>
 #include <string>
-#include <sys/resource.h>
 #include <vector>
 
 namespace {
@@ -123,7 +123,7 @@ void pack(benchmark::State& state, void (*packer)(const Place&), std::string (*d
         packer(place);
         state.SetIterationTime(processorSeconds() - start);
     }
-    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * kSize));
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(kSize));
 }
 
 BENCHMARK_CAPTURE(pack, text, packByAgentkit, logText)->Name("zip/agentkit/text")->UseManualTime();

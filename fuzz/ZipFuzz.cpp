@@ -33,7 +33,10 @@ public:
     {
         (void)::mkdtemp(m_path.data());
         std::ofstream(m_path + "/text") << std::string(2'000, 'x') << "some text";
-        m_zip.compress({{"sub/directory/text", m_path + "/text"}, {"text", m_path + "/text"}}, archive(), 6);
+        // One byte away from climbing out, and from being no directory.
+        const std::string text = m_path + "/text";
+        m_zip.compress(
+            {{"sub/directory/text", text}, {"text", text}, {"..x/up", text}, {"empty/", "/dev/null"}}, archive(), 6);
         fs::remove(m_path + "/text");
         std::ifstream stream(archive(), std::ios::binary);
         m_whole.assign(std::istreambuf_iterator<char>(stream), {});

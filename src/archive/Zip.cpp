@@ -19,6 +19,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <memory>
+#include <new>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -45,14 +46,16 @@ constexpr unsigned long kMostExpansion = 1032;
 constexpr unsigned long kZip64 = 0xFFFF'FFFF;
 
 // As minizip opens files itself, but close-on-exec. Archives are created or read, never changed.
-voidpf openCloseOnExec(voidpf /*opaque*/, const void* name, int mode)
-{
+voidpf openCloseOnExec(voidpf /*opaque*/, const void* name, int mode) noexcept
+try {
     const bool isNew = (mode & ZLIB_FILEFUNC_MODE_CREATE) != 0;
     const int flags = isNew ? O_WRONLY | O_CREAT | O_TRUNC : O_RDONLY;
     UniqueFd fd = io::open(static_cast<const char*>(name), flags, 0666);
     FILE* const file = fd.isOpen() ? ::fdopen(fd.get(), isNew ? "wb" : "rb") : nullptr;
     if (file != nullptr) (void)fd.release(); // the stream's from here on
     return file;
+} catch (const std::bad_alloc&) { // must not pass through the library's C code
+    return nullptr;
 }
 
 zlib_filefunc64_def fileFunctions()
@@ -245,8 +248,7 @@ int readListing(unzFile archive, Listing& listing)
     };
     int status = ask();
     const std::size_t length = listing.info.size_filename;
-    const bool isLong = length > kUsualName;
-    if (status == UNZ_OK && (isLong || listing.info.size_file_extra != 0)) {
+    if (status == UNZ_OK && (length > kUsualName || listing.info.size_file_extra != 0)) {
         listing.name.assign(std::max(length, kUsualName), '\0');
         extra.assign(listing.info.size_file_extra, '\0');
         status = ask();

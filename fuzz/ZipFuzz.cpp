@@ -49,6 +49,7 @@ public:
 
     void extract(const std::string& bytes)
     {
+        fs::remove(archive()); // to overwrite it would wait for the disk, at every input
         std::ofstream(archive(), std::ios::binary) << bytes;
         const auto before = descriptors();
         try {

@@ -49,7 +49,6 @@ public:
 
     void extract(const std::string& bytes)
     {
-        fs::remove(archive()); // to overwrite it would wait for the disk, at every input
         std::ofstream(archive(), std::ios::binary) << bytes;
         const auto before = descriptors();
         try {
@@ -64,7 +63,8 @@ public:
 
 private:
     std::string archive() const { return m_path + "/archive"; }
-    std::string m_path = (fs::temp_directory_path() / "agentkit_fuzz_XXXXXX").string();
+    // In memory where there is such a place: a disk takes minutes for as many files.
+    std::string m_path = (fs::exists("/dev/shm") ? "/dev/shm" : fs::temp_directory_path()) / "agentkit_fuzz_XXXXXX";
     agent::info::Logger m_silent{agent::info::Logger::Printer()};
     agent::Zip m_zip{m_silent};
     std::string m_whole;

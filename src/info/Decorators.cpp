@@ -17,6 +17,7 @@
 #include <ctime>
 #include <new>
 #include <optional>
+#include <type_traits>
 
 namespace agent::info {
 
@@ -24,10 +25,11 @@ namespace {
 
 using Time = IDecorator::Time;
 
-/// A text of limited length that lives on the stack: a prefix is put together once a line.
-class Prefix {
+/// A text of limited length that needs no memory from elsewhere: a prefix is put together once a line.
+template <std::size_t Capacity>
+class ShortText {
 public:
-    Prefix& operator<<(std::string_view text)
+    ShortText& operator<<(std::string_view text)
     {
         const std::size_t size = std::min(text.size(), m_text.size() - m_size);
         std::ranges::copy_n(text.data(), static_cast<std::ptrdiff_t>(size), m_text.data() + m_size);
@@ -36,7 +38,7 @@ public:
     }
 
     /// Adds a number that is not negative, with leading zeros to `width`.
-    Prefix& padded(long number, std::size_t width)
+    ShortText& padded(long number, std::size_t width)
     {
         std::array<char, 20> digits{};
         const char* const end = std::to_chars(digits.data(), digits.data() + digits.size(), number).ptr;
@@ -49,9 +51,12 @@ public:
     std::string before(std::string message) const { return std::move(message.insert(0, m_text.data(), m_size)); }
 
 private:
-    std::array<char, 160> m_text; // NOLINT(cppcoreguidelines-pro-type-member-init): written before it is read
+    std::array<char, Capacity> m_text; // NOLINT(cppcoreguidelines-pro-type-member-init): written before it is read
     std::size_t m_size = 0;
 };
+
+using Prefix = ShortText<160>;
+using DateText = ShortText<50>;
 
 } // namespace
 
@@ -88,27 +93,27 @@ namespace {
 
 /// The parts of both stamps that stay the same for a second.
 struct SecondText {
-    std::string utc;    ///< "2024-05-01T10:34:56."
-    std::string local;  ///< "2024-05-01T12:34:56."
-    std::string offset; ///< "+0200"
+    DateText utc;    ///< "2024-05-01T10:34:56."
+    DateText local;  ///< "2024-05-01T12:34:56."
+    DateText offset; ///< "+0200"
 };
 
-std::string localText(const std::tm& parts, const char* format)
+void addLocal(DateText& text, const std::tm& parts, const char* format)
 {
     static const locale_t classic = ::newlocale(LC_ALL_MASK, "C", nullptr); // lives as long as the process
     std::array<char, 50> buffer{};
-    return {buffer.data(), ::strftime_l(buffer.data(), buffer.size(), format, &parts, classic)};
+    text << std::string_view(buffer.data(), ::strftime_l(buffer.data(), buffer.size(), format, &parts, classic));
 }
 
 SecondText textOf(std::chrono::sys_seconds second)
 {
     SecondText text;
-    text.utc = format_utc(second, "%FT%T.");
+    text.utc << format_utc(second, "%FT%T.");
     const std::time_t time = second.time_since_epoch().count();
     std::tm parts{};
     if (::localtime_r(&time, &parts) != nullptr) {
-        text.local = localText(parts, "%FT%T.");
-        text.offset = localText(parts, "%z");
+        addLocal(text.local, parts, "%FT%T.");
+        addLocal(text.offset, parts, "%z");
     }
     return text;
 }
@@ -133,6 +138,8 @@ const SecondText& cachedTextOf(std::chrono::sys_seconds second)
         Zone zone;
         SecondText text;
     };
+    // What is logged by the destructors of static objects comes after those of the thread's.
+    static_assert(std::is_trivially_destructible_v<Cache>);
     thread_local Cache cache;
     if (cache.second != second || cache.zone != Zone()) {
         cache.text = textOf(second);
@@ -220,8 +227,8 @@ std::string DateDecorator::decorate(std::string message, Logger::Level /*level*/
     const SecondText& text = cachedTextOf(second);
 
     Prefix prefix;
-    (prefix << text.utc).padded(millisecond, 3) << "Z ";
-    (prefix << text.local).padded(millisecond, 3) << text.offset << " ";
+    (prefix << text.utc.view()).padded(millisecond, 3) << "Z ";
+    (prefix << text.local.view()).padded(millisecond, 3) << text.offset.view() << " ";
     return prefix.before(std::move(message));
 }
 

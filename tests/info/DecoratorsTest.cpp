@@ -7,6 +7,8 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <thread>
 
@@ -59,6 +61,21 @@ TEST_F(Decorators, MakeALineAndTakeItApart)
 
     setZone("AAA+4"); // within the same second
     EXPECT_EQ(m_date.decorate("", Logger::INFO, kWhen).substr(25), "2024-05-01T06:34:56.789-0400 ");
+}
+
+TEST_F(Decorators, WorkInTheDestructorsOfStaticObjects)
+{
+    /// Decorates after the main thread's own objects are gone.
+    struct Last {
+        MultiDecorator& all;
+        ~Last() { (void)std::fputs(all.decorate("over", Logger::INFO, kWhen).c_str(), stderr); }
+    };
+    const auto end = [this] {
+        static const Last last{m_all};
+        (void)m_all.decorate("begun", Logger::INFO, kWhen);
+        std::exit(0); // NOLINT(concurrency-mt-unsafe)
+    };
+    EXPECT_EXIT(end(), testing::ExitedWithCode(0), "^2024-05-01T10:34:56.789Z 2024-.*\\] \\[INFO:\\]     over$");
 }
 
 TEST_F(Decorators, RoundTimesDownToTheMillisecond)

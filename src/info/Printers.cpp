@@ -7,9 +7,21 @@ namespace agent::info {
 
 using Time = std::chrono::system_clock::time_point;
 
+namespace {
+
+// Past the stream's state, which a disk that is full for a moment would leave bad for the rest of the process, and
+// past a width that somebody else has set.
+void print(const std::ostream& stream, const std::string& text)
+{
+    (void)stream.rdbuf()->sputn(text.data(), static_cast<std::streamsize>(text.size()));
+    (void)stream.rdbuf()->pubsync();
+}
+
+} // namespace
+
 void ScreenPrinter::operator()(const std::string& message, Logger::Level /*level*/, Time /*when*/) const
 {
-    std::cout << message << std::flush;
+    print(std::cout, message);
 }
 
 DecoratedPrinter::DecoratedPrinter(std::reference_wrapper<const IDecorator> decorator, Logger::Printer printer)
@@ -54,7 +66,7 @@ void FailsafePrinter::operator()(const std::string& message, Logger::Level level
     for (const FalliblePrinter& printer : m_printers) {
         if (printer && printer(message, level, when)) return;
     }
-    std::cerr << "~~Logging Error~~ All printers in sequence failed to print log message" << std::endl;
+    print(std::cerr, "~~Logging Error~~ All printers in sequence failed to print log message\n");
 }
 
 } // namespace agent::info

@@ -2,6 +2,8 @@
 #include "Support.h"
 #include "agent/vnt/LoggerAdapter.h"
 
+#include <iostream>
+
 namespace agent::info {
 namespace {
 
@@ -43,7 +45,12 @@ TEST_F(Printers, HandMessagesOn)
 
     testing::internal::CaptureStdout();
     ScreenPrinter()("no newline", Logger::ERROR, kWhen);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "no newline");
+    std::cout.setstate(std::ios::badbit); // as after a disk was full
+    std::cout.width(9);
+    ScreenPrinter()(", more", Logger::ERROR, kWhen);
+    std::cout.clear();
+    std::cout.width(0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "no newline, more");
 
     const Logger::Printer nobody;
     EXPECT_THROW(DecoratedPrinter(tag, nobody)("x", Logger::INFO, kWhen), std::bad_function_call);

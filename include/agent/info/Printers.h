@@ -19,7 +19,8 @@
 /// under its lock; what several loggers share must be safe by itself, and these are if the printers in them are.
 namespace agent::info {
 
-/// Writes messages to standard output as they are and flushes it.
+/// Writes messages to standard output as they are and flushes it. What cannot be written is lost; the next message is
+/// tried all the same.
 class AGENTKIT_API ScreenPrinter {
 public:
     void operator()(const std::string& message, Logger::Level level, std::chrono::system_clock::time_point when) const;

@@ -12,7 +12,8 @@ namespace agent {
 ///     lock.WritePid();
 ///
 /// The lock is the system's (`flock`): it goes when its owner dies, however it dies; the file may then stay behind
-/// and means nothing. Programs that the owner starts do not inherit it. The file must be on a local file system.
+/// and means nothing. Programs that the owner starts do not inherit it; a fork of the owner shares it, and it goes with
+/// the last of them. The file must be on a local file system.
 /// Threads: one at a time. A second Flock on the path is turned away within the process as well.
 class AGENTKIT_API Flock {
 public:
@@ -25,7 +26,8 @@ public:
     Flock(const Flock&) = delete;
     Flock& operator=(const Flock&) = delete;
 
-    /// Releases the lock and removes the file, unless the path has come to name another file.
+    /// Releases the lock and removes the file, unless a fork of this process still has the lock or the path has come to
+    /// name another file.
     ~Flock();
 
     /// Makes the decimal process id the whole content of the file, without a line end; after a fork, call it anew.

@@ -34,12 +34,22 @@ bool isFileAt(const std::string& path, int fd)
     throw PosixError(what + path, error);
 }
 
+// The path as it stands: with a '/' at its end it names no file, and must not create one.
+UniqueFd open(const std::string& path, int flags)
+{
+    return UniqueFd(io::retry([&] { return ::open(path.c_str(), O_RDWR | O_CLOEXEC | flags, 0644); }));
+}
+
+bool tryLock(const UniqueFd& fd)
+{
+    return io::retry([&] { return ::flock(fd.get(), LOCK_EX | LOCK_NB); }) == 0;
+}
+
 UniqueFd lock(const std::string& path)
 {
-    UniqueFd fd = io::open(path, O_RDWR | O_CREAT, 0644);
+    UniqueFd fd = open(path, O_CREAT);
     if (!fd.isOpen()) fail("Unable to open lock file. File ", path);
-    if (io::retry([&] { return ::flock(fd.get(), LOCK_EX | LOCK_NB); }) != 0)
-        fail(errno == EWOULDBLOCK ? "File already locked. File " : "Unknown lock failure.  File ", path);
+    if (!tryLock(fd)) fail(errno == EWOULDBLOCK ? "File already locked. File " : "Unknown lock failure.  File ", path);
     return fd;
 }
 
@@ -62,9 +72,13 @@ Flock::Flock(std::string path)
 
 Flock::~Flock()
 {
-    const UniqueFd fd(m_fd);
-    // Before closing: afterwards the file may be another owner's.
-    if (isFileAt(m_path, m_fd)) (void)::unlink(m_path.c_str()); // best effort; a file left behind locks nobody out
+    UniqueFd fd(m_fd);
+    if (!isFileAt(m_path, m_fd)) return; // another owner's
+    // Processes forked meanwhile share the lock, and still have it when this one has closed its descriptor: only who
+    // can take it anew was the last of them, and only under the lock may the file be removed.
+    fd = open(m_path, 0);
+    if (fd.isOpen() && tryLock(fd) && isFileAt(m_path, fd.get()))
+        (void)::unlink(m_path.c_str()); // best effort; a file left behind locks nobody out
 }
 
 void Flock::WritePid()

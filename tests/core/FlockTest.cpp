@@ -49,6 +49,17 @@ TEST(Flock, HasOneOwnerAmongProcesses)
     EXPECT_EQ(test::openDescriptors(), descriptors);
 }
 
+TEST(Flock, AForkSharesItUntilBothLetGo)
+{
+    const test::TempDir dir;
+    const std::string path = dir / "lock";
+    std::optional<Flock> lock(path);
+    EXPECT_TRUE(inChild([&] { return lock.reset(), true; }));
+    EXPECT_NE(thrownBy([&] { const Flock second(path); }), "nothing") << "the parent has it still";
+    lock.reset();
+    EXPECT_NE(::access(path.c_str(), F_OK), 0);
+}
+
 TEST(Flock, ADeadOwnerDoesNotHoldItAndAnothersFileIsLeftAlone)
 {
     const test::TempDir dir;
@@ -69,6 +80,8 @@ TEST(Flock, FailuresNameTheFile)
     const auto descriptors = test::openDescriptors();
     EXPECT_EQ(thrownBy([&] { const Flock lock(dir / "no/lock"); }),
         posix("Unable to open lock file. File " + (dir / "no/lock"), ENOENT));
+    EXPECT_EQ(thrownBy([&] { const Flock lock(dir / "lock/"); }),
+        posix("Unable to open lock file. File " + (dir / "lock/"), EISDIR));
 
     const std::string pipe = dir / "pipe";
     ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);

@@ -147,9 +147,10 @@ std::size_t File::Impl::read(char* out, std::size_t size)
 {
     flush();
     std::size_t done = 0;
-    if (m_buffer && m_buffer->readAhead() > 0)
-        done = static_cast<std::size_t>(
-            m_buffer->sgetn(out, std::min(m_buffer->readAhead(), static_cast<std::streamsize>(size))));
+    // In more than one piece after a putback: the buffer shows that character by itself.
+    while (m_buffer && done < size && m_buffer->readAhead() > 0)
+        done += static_cast<std::size_t>(
+            m_buffer->sgetn(out + done, std::min(m_buffer->readAhead(), static_cast<std::streamsize>(size - done))));
     while (done < size) {
         const ssize_t got = io::read(m_fd, out + done, size - done);
         if (got < 0) fail("read");

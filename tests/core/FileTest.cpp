@@ -91,6 +91,11 @@ TEST_F(FileTest, DirectCallsAndTheStreamShareOnePosition)
     EXPECT_EQ(file.slurp(), "one two-THree");
     EXPECT_TRUE(file.getStream() >> word);
     EXPECT_EQ(word, "Hree") << "slurp leaves the position, seek clears the stream's state";
+
+    file.seek(0, SEEK_SET);
+    file.getStream().ignore(2).putback('N');
+    file.read(word);
+    EXPECT_EQ(word, "Ne two-THree") << "what was put back comes first";
 }
 
 TEST_F(FileTest, OpensForReadingByItselfAndLogsIt)

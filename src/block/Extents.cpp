@@ -124,7 +124,7 @@ void extents(Logger& logger, const std::string& path, unsigned long blockSize, s
 {
     if (blockSize == 0) throw std::invalid_argument("The block size for the extents of a file must not be 0: " + path);
 
-    UniqueFd fd = io::open(path, O_RDONLY);
+    UniqueFd fd = io::open(path, O_RDONLY | O_NONBLOCK); // a pipe is refused, not waited for
     if (!fd.isOpen()) fail("Failed to open handle to file ", path, ", error: ");
     const int number = fd.get();
     const auto close = make_scope_exit([&] { closeAndReport(logger, std::move(fd), path); });

@@ -166,6 +166,11 @@ TEST_F(Extents, FailWithTheirOwnWords)
     };
     const std::string excluded = "FIEMAP IoCtl for excluded file " + m_quoted + " failed, error ";
     fails(m_dir / "no", {}, "Failed to open handle to file \"" + (m_dir / "no") + "\", error: ", ENOENT);
+    const std::string pipe = m_dir / "pipe";
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    g_script.reset();
+    EXPECT_THAT(thrownBy([&] { extents(m_log.logger(), pipe, 512, m_out); }),
+        testing::StartsWith("posix: FIEMAP IoCtl for file \"" + pipe));
     fails(m_file, {.failingCall = SYS_fstat}, "Failed to stat file " + m_quoted + ", error: ", EIO);
     fails(m_file, {.counted = 1, .failingCall = SYS_ioctl},
         "FIEMAP IoCtl for file " + m_quoted + " failed, error: ", EIO);

@@ -67,8 +67,8 @@ public:
     File& operator=(const File&) = delete;
     virtual ~File();
 
-    /// Opens the file, close-on-exec, and logs so at DEBUG; closes it first if it is open. Without Write, the
-    /// bits Append and Truncate open it for writing all the same; no bit at all is Read.
+    /// Opens the file, close-on-exec, and logs so at DEBUG; closes it first, as the destructor does, if it is open.
+    /// Without Write, the bits Append and Truncate open it for writing all the same; no bit at all is Read.
     /// @throws PosixError  "Failed to open file " + path; the file is closed then
     void open(FileOpenMode mode, FileCreateMode createMode) const;
 

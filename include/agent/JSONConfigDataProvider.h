@@ -69,9 +69,8 @@ public:
     /// @param mustExist  whether a missing file is an error; if not, it counts as an empty object, and the first change
     ///                   creates it
     /// @throws PosixError          if the file cannot be read
-    /// @throws std::runtime_error  naming the path, if the content is no JSON object in UTF-8 (an empty file is none)
-    /// or
-    ///                             nests too deep; the file is left as it is
+    /// @throws std::runtime_error  naming the path, if the content is no JSON object in UTF-8 (an empty file is
+    ///                             none) or nests too deep; the file is left as it is
     JSONConfigDataProvider(const Path& path, bool mustExist);
 
     /// The value of the key; null if it has none.

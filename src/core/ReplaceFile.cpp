@@ -61,9 +61,11 @@ public:
             if (errno == ENOENT) return;
             fail("stat64", m_target);
         }
-        // Who is not root cannot give files away, and then owns the new file.
-        if (::fchown(m_fd.get(), old.st_uid, old.st_gid) != 0 && errno != EPERM) fail("fchown", m_name);
-        if (::fchmod(m_fd.get(), old.st_mode & 07777) != 0) fail("fchmod", m_name);
+        // Who is not root cannot give files away, and then owns the new file; what its group may do is then meant for
+        // another group.
+        const bool isGiven = ::fchown(m_fd.get(), old.st_uid, old.st_gid) == 0;
+        if (!isGiven && errno != EPERM) fail("fchown", m_name);
+        if (::fchmod(m_fd.get(), old.st_mode & (isGiven ? 07777 : 0707)) != 0) fail("fchmod", m_name);
     }
 
     void write(const std::string& content)

@@ -75,7 +75,7 @@ TEST_F(Decorators, WorkInTheDestructorsOfStaticObjects)
         (void)m_all.decorate("begun", Logger::INFO, kWhen);
         std::exit(0); // NOLINT(concurrency-mt-unsafe)
     };
-    EXPECT_EXIT(end(), testing::ExitedWithCode(0), "^2024-05-01T10:34:56.789Z 2024-.*\\] \\[INFO:\\]     over$");
+    EXPECT_EXIT(end(), testing::ExitedWithCode(0), "^2024-05-01T10:34:56.789Z 2024-.*\\] \\[INFO:\\]     over");
 }
 
 TEST_F(Decorators, RoundTimesDownToTheMillisecond)

@@ -50,7 +50,7 @@ Logger::Entry::~Entry()
 {
     try {
         if (fail() || rdbuf()->view().empty()) return;
-        *this << '\n';
+        rdbuf()->sputc('\n'); // past the stream's formatting: a width that was left over must not pad it
         flush();
     } catch (...) { // a log line must never end the process
     }

@@ -1,6 +1,6 @@
 #include "agent/vnt/SocketIo.h"
 
-#include "core/SigpipeGuard.h"
+#include "net/WriteWithoutSignal.h"
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -47,14 +47,6 @@ Ret closedByPeer(int fd)
     const int result = ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &pending, &length);
     return {ENOTCONN, "Unable to read from socket, connection closed, errno: " + std::to_string(error) + " so_error: " +
                           std::to_string(static_cast<unsigned int>(pending)) + " ret: " + std::to_string(result)};
-}
-
-ssize_t writeWithoutSignal(int fd, const char* data, unsigned int size)
-{
-    const ssize_t sent = ::send(fd, data, size, MSG_NOSIGNAL);
-    if (sent != -1 || errno != ENOTSOCK) return sent;
-    const SigpipeGuard guard;
-    return ::write(fd, data, size);
 }
 
 } // namespace

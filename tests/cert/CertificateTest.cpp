@@ -1,0 +1,288 @@
+#include "agent/Certificate.h"
+#include "Support.h"
+#include "TestCertificates.h"
+#include "agent/DistinguishedName.h"
+#include "agent/GnuTlsError.h"
+
+#include <openssl/evp.h>
+
+namespace agent {
+namespace {
+
+using test::CertificateSpec;
+using test::Identity;
+using testing::ElementsAre;
+
+constexpr const char* kComment = "2.16.840.1.113730.1.13";
+
+struct NameCase {
+    const char* text;
+    const char* expected; // common name, organisation, unit, device id
+};
+class DistinguishedNames : public testing::TestWithParam<NameCase> {};
+TEST_P(DistinguishedNames, AreTakenApart)
+{
+    const DistinguishedName name(GetParam().text);
+    EXPECT_EQ(name.getCommonName() + "|" + name.getOrganization() + "|" + name.getOrganizationalUnit() + "|" +
+                  std::to_string(name.getDeviceId()),
+        GetParam().expected);
+    EXPECT_EQ(name.isValid(), std::string(GetParam().expected) != "|||-1");
+}
+INSTANTIATE_TEST_SUITE_P(DistinguishedName, DistinguishedNames,
+    testing::Values(NameCase{"CN=12345,O=Org,OU=Unit", "12345|Org|Unit|12345"}, NameCase{"", "|||-1"},
+        NameCase{"CN=backup-node", "backup-node|||-1"}, NameCase{"CN=77abc", "77abc|||77"}, NameCase{"CN= 7", " 7|||7"},
+        NameCase{"CN=1.234", "1.234|||1"},            // no grouping
+        NameCase{"CN=2147483648", "2147483648|||-1"}, // beyond an int
+        NameCase{"CN=a\\,b,cn=c, O=d", "a\\,b|||-1"}, // escapes stay; case and blanks count
+        NameCase{"OU=a+O=b,CN=1\\+2", "1\\+2|b|a|1"}, // cut at '+', but where it is escaped
+        NameCase{"CN=+5", "|||-1"},                   // so this is set twice, to nothing at last
+        NameCase{"CN=1,CN=2,C=X", "2|||2"}));         // the last one counts
+
+class CertificateTest : public testing::Test {
+protected:
+    // What a store would import.
+    Certificate certificate(const std::string& pem) { return {m_log.logger(), m_dir.file("c.pem", pem)}; }
+    std::string importError(const std::string& path)
+    {
+        return test::thrownBy([&] { const Certificate c(m_log.logger(), Path(path)); });
+    }
+
+    test::TempDir m_dir;
+    test::CapturingLogger m_log;
+    const Identity m_authority{CertificateSpec{.subject = {{"CN", "Authority"}}}};
+};
+
+TEST_F(CertificateTest, ImportsAChainInTheOrderOfTheFile)
+{
+    const std::string number = "12345";
+    const Identity leaf({.subject = {{"CN", number}, {"O", "Org"}}, .validFrom = -5, .validUntil = 50}, &m_authority);
+    const Identity stranger(CertificateSpec{.subject = {{"CN", "Stranger"}}});
+    auto holder = std::make_shared<Certificate>(
+        m_log.logger(), Path(m_dir.file("chain.pem", leaf.pem() + m_authority.pem() + stranger.pem())));
+    EXPECT_EQ(holder->getName() + holder->getNameBlob(), number + number);
+    EXPECT_EQ(holder->getIssuer() + holder->getIssuerBlob(), "AuthorityAuthority");
+    EXPECT_EQ(holder->getDeviceId(), 12345);
+    EXPECT_EQ(holder->getExpirationTime() - holder->getActivationTime(), 55);
+    EXPECT_NEAR(static_cast<double>(holder->getActivationTime()), static_cast<double>(std::time(nullptr)), 60);
+
+    const auto second = holder->getIssuerCertificate();
+    EXPECT_EQ(second->getName(), "Authority");
+    EXPECT_EQ(second->getIssuerCertFromChain()->getName(), "Stranger");
+    const auto chain = holder->getChain();
+    EXPECT_THAT(std::vector(chain.begin() + 1, chain.end()), second->getChain()) << "borrowed, not copied";
+    EXPECT_EQ(chain.size(), 3U);
+    holder.reset();
+    EXPECT_EQ(second->getIssuerCertificate()->getIssuerCertificate(), nullptr) << "lives on";
+
+    EXPECT_EQ(test::thrownBy([&] { second->makeClientStream(nullptr, std::chrono::seconds(1)); }),
+        "runtime: Not implemented");
+}
+
+TEST_F(CertificateTest, RefusesWhatIsNone)
+{
+    const auto refused = [](const std::string& path, const std::string& reason) {
+        return "invalid argument: Failed to import file " + path + " as certificate (" + reason + ")";
+    };
+    const auto broken = [](int code) {
+        return std::string("runtime: ") + GnuTlsError("Failed to import certificate (import error)", code).what();
+    };
+    const std::string pem = m_authority.pem();
+    const std::string full = m_dir.file("full", pem + std::string(50'000 - pem.size(), '\n'));
+    EXPECT_EQ(importError(full), "nothing") << "the largest file";
+    std::ofstream(full, std::ios::app) << '\n';
+    EXPECT_EQ(importError(full), refused(full, "file too large"));
+    EXPECT_EQ(importError("/dev/zero"), refused("/dev/zero", "file too large"));
+    EXPECT_EQ(importError(m_dir / "missing"), refused(m_dir / "missing", "failed to open file"));
+    EXPECT_EQ(importError(m_dir.path()), refused(m_dir.path(), "failed to open file"));
+
+    std::string damaged = pem;
+    damaged[pem.size() / 2] = '\0';
+    for (const std::string& content : {std::string(), std::string("no certificate"), m_authority.keyPem(),
+             pem.substr(0, pem.size() / 2), damaged, pem + pem.substr(0, 100) + "\n-----END CERTIFICATE-----\n"})
+        EXPECT_THROW(certificate(content), GnuTlsError) << content;
+    EXPECT_EQ(importError(m_dir.file("empty", "")), broken(GNUTLS_E_NO_CERTIFICATE_FOUND));
+
+    EXPECT_EQ(
+        test::thrownBy([&] { Certificate(m_log.logger()).parseCerts(nullptr, 0, GNUTLS_X509_FMT_PEM); }), broken(0));
+    EXPECT_EQ(
+        test::thrownBy([&] { Certificate c(m_log.logger(), Cert::Peer, nullptr); }), "invalid argument: Bad session");
+}
+
+TEST_F(CertificateTest, TakesNamesAndChainsOfAnySize)
+{
+    EXPECT_EQ(certificate(Identity(CertificateSpec{.subject = {}}).pem()).getName(), "");
+    CertificateSpec large{.subject = {}};
+    for (int i = 0; i < 200; ++i) large.subject.emplace_back("OU", std::string(64, 'x'));
+    large.subject.emplace_back("CN", "77");
+    EXPECT_EQ(certificate(Identity(large).pem()).getDeviceId(), 77);
+
+    std::string pem;
+    for (int i = 0; i < 100; ++i) pem += Identity(CertificateSpec{.subject = {}}).pem();
+    Certificate chain = certificate(pem);
+    EXPECT_EQ(chain.getChain().size(), 100U);
+    unsigned int status = 0;
+    std::vector<std::string> errors;
+    EXPECT_TRUE(chain.gnutlsCertificateVerify(chain, status, errors) || true) << "whatever it says, it survives";
+}
+
+TEST_F(CertificateTest, VerifiesAClientAgainstTheLocalChain)
+{
+    const Identity other(CertificateSpec{.subject = {{"CN", "Other"}}});
+    const Certificate local = certificate(other.pem() + m_authority.pem());
+    struct Case {
+        const char* why;
+        const Identity* issuer;
+        long validFrom;
+        long validUntil;
+        std::vector<std::string> expected;
+    };
+    for (const auto& [why, issuer, validFrom, validUntil, expected] : {
+             Case{"an authority that comes second", &m_authority, -60, 60, {}},
+             Case{"expired", &m_authority, -60, -30, {"Cert expired"}},
+             Case{"not yet valid", &m_authority, 60, 90, {"Cert invalid activation time"}},
+             Case{"signed by itself", nullptr, -60, 60, {"Cert signer not found"}},
+         }) {
+        Certificate client = certificate(Identity({.validFrom = validFrom, .validUntil = validUntil}, issuer).pem());
+        unsigned int status = 0;
+        std::vector<std::string> errors = {"earlier"};
+        EXPECT_EQ(client.gnutlsCertificateVerify(local, status, errors), !expected.empty()) << why;
+        EXPECT_EQ((status & GNUTLS_CERT_INVALID) != 0, !expected.empty()) << why;
+        EXPECT_EQ(errors.front(), "earlier");
+        EXPECT_EQ(std::vector(errors.begin() + 1, errors.end()), expected) << why;
+    }
+    unsigned int status = 0;
+    std::vector<std::string> errors;
+    EXPECT_TRUE(Certificate(m_log.logger()).gnutlsCertificateVerify(local, status, errors));
+    EXPECT_THAT(errors, ElementsAre("Internal error - failed to verify client cert against local certificate"));
+}
+
+std::string signedBy(const Identity& identity, const std::string& text)
+{
+    const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(), EVP_MD_CTX_free);
+    std::string signature(512, '\0');
+    std::size_t size = signature.size();
+    EVP_DigestSignInit(context.get(), nullptr, EVP_sha1(), nullptr, identity.key());
+    EVP_DigestSign(context.get(), reinterpret_cast<unsigned char*>(signature.data()), &size,
+        reinterpret_cast<const unsigned char*>(text.data()), text.size());
+    signature.resize(size);
+    return signature;
+}
+
+TEST_F(CertificateTest, VerifiesPairTickets)
+{
+    std::string ticket = "ticket";
+    const auto verify = [&](long validFrom, long validUntil) {
+        const Identity local(CertificateSpec{.validFrom = validFrom, .validUntil = validUntil, .isRsa = true});
+        const Certificate holder = certificate(local.pem());
+        std::string signature = signedBy(local, ticket);
+        const gnutls_datum_t data{reinterpret_cast<unsigned char*>(ticket.data()), 6};
+        const gnutls_datum_t proof{
+            reinterpret_cast<unsigned char*>(signature.data()), static_cast<unsigned int>(signature.size())};
+        const unsigned int flags = GNUTLS_VERIFY_ALLOW_SIGN_WITH_SHA1;
+        EXPECT_EQ(holder.gnutlsCertificateVerifyData(flags, &data, &proof) >= 0, validUntil > 0);
+        signature[7] ^= 1;
+        return holder.gnutlsCertificateVerifyData(flags, &data, &proof);
+    };
+    EXPECT_EQ(verify(-60, 60), GNUTLS_E_PK_SIG_VERIFY_FAILED);
+    EXPECT_EQ(verify(-60, -30), GNUTLS_E_EXPIRED) << "whatever the signature";
+    EXPECT_EQ(test::thrownBy([&] { verify(60, 90); }),
+        "runtime: Error occurred verifying certificate data: Local certificate is not yet activated. Verify that "
+        "system time is accurate.");
+    EXPECT_EQ(test::thrownBy([&] { Certificate(m_log.logger()).gnutlsCertificateVerifyData(0, nullptr, nullptr); }),
+        "runtime: Internal error occurred verifying certificate data: uninitialized certificate");
+}
+
+// Both ends of a GnuTLS session over a pair of sockets; the client trusts nobody, which is not looked at.
+TEST_F(CertificateTest, ComeFromSessions)
+{
+    const Identity leaf({.subject = {{"CN", "7"}}}, &m_authority);
+    const std::string chainPem = leaf.pem() + m_authority.pem();
+    const std::string keyPem = leaf.keyPem();
+    const auto datum = [](const std::string& text) {
+        return gnutls_datum_t{
+            reinterpret_cast<unsigned char*>(const_cast<char*>(text.data())), static_cast<unsigned int>(text.size())};
+    };
+    int pair[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+    gnutls_certificate_credentials_t credentials = nullptr;
+    gnutls_certificate_allocate_credentials(&credentials);
+    const gnutls_datum_t chain = datum(chainPem);
+    const gnutls_datum_t key = datum(keyPem);
+    gnutls_certificate_set_x509_key_mem(credentials, &chain, &key, GNUTLS_X509_FMT_PEM);
+    gnutls_session_t ends[2];
+    for (int i = 0; i < 2; ++i) {
+        gnutls_init(&ends[i], i == 0 ? GNUTLS_CLIENT : GNUTLS_SERVER);
+        gnutls_set_default_priority(ends[i]);
+        gnutls_transport_set_int(ends[i], pair[i]);
+    }
+    gnutls_credentials_set(ends[1], GNUTLS_CRD_CERTIFICATE, credentials);
+    const auto thrown = [&](Cert which, int end) {
+        return test::thrownBy([&] { const Certificate c(m_log.logger(), which, ends[end]); });
+    };
+    EXPECT_EQ(thrown(Cert::Peer, 0), "runtime: Failed to verify peer certificate") << "too early";
+    gnutls_certificate_credentials_t none = nullptr;
+    gnutls_certificate_allocate_credentials(&none);
+    gnutls_credentials_set(ends[0], GNUTLS_CRD_CERTIFICATE, none);
+    std::thread server([&] { gnutls_handshake(ends[1]); });
+    EXPECT_EQ(gnutls_handshake(ends[0]), 0);
+    server.join();
+
+    const Certificate local(m_log.logger(), Cert::Local, ends[1]);
+    const Certificate peer(m_log.logger(), Cert::Peer, ends[0]);
+    EXPECT_EQ(local.getDeviceId(), 7);
+    EXPECT_EQ(peer.getIssuerCertificate()->getName(), "Authority");
+    EXPECT_EQ(thrown(Cert::Local, 0), "runtime: Failed to load local certificate");
+    EXPECT_EQ(thrown(Cert::Peer, 1), "runtime: Failed to verify peer certificate");
+    EXPECT_EQ(thrown(Cert(2), 1), "invalid argument: Internal error occurred loading certificate");
+    for (const gnutls_session_t end : ends) gnutls_deinit(end);
+    for (const auto credential : {credentials, none}) gnutls_certificate_free_credentials(credential);
+    for (const int fd : pair) ::close(fd);
+}
+
+TEST_F(CertificateTest, FindsNetscapeComments)
+{
+    const auto ia5 = [](const std::string& text) { return "\x16" + std::string(1, char(text.size())) + text; };
+    const std::string longest(127, 'l');
+    const std::string beyond = "\x80" + std::string(128, 'x');
+    const auto with = [&](const std::vector<std::pair<const char*, std::string>>& extensions) {
+        return certificate(Identity({.extensions = extensions}, &m_authority).pem());
+    };
+    struct Case {
+        const char* why;
+        std::string value; // of the extension
+        std::string comment;
+        bool isFound;
+    };
+    for (const auto& [why, value, comment, isFound] : {
+             Case{"plain", ia5("abc"), "abc", true},
+             Case{"longer", ia5("abc"), "abcd", false},
+             Case{"shorter", ia5("abc"), "ab", false},
+             Case{"the longest", ia5(longest), longest, true},
+             Case{"the same, but for 256 bytes", ia5(longest), longest + std::string(256, 'l'), false},
+             Case{"another type", "\x0c\x03utf", "utf", false},
+             Case{"no length", "\x16", "", false},
+             Case{"128 bytes", "\x16\x81\x80" + beyond.substr(1), beyond.substr(1), false},
+             Case{"a long form that looks like the short form of 129", "\x16\x81" + beyond, beyond, false},
+         }) {
+        const std::string longOid = "1.2.840.113549.1.9.16.2.47.9.9";
+        EXPECT_EQ(
+            with({{longOid.c_str(), "x"}, {"1.2.3.4", ia5("other")}, {kComment, value}}).hasNSComment(comment), isFound)
+            << why;
+    }
+    EXPECT_FALSE(with({{"1.2.3.4", ia5("abc")}}).hasNSComment("abc")) << "another extension";
+    EXPECT_FALSE(Certificate(m_log.logger()).hasNSComment("abc"));
+    EXPECT_FALSE(with({{kComment, ia5("abc")}}).nsCommentExtensionDataMatches(0x1'0000'0000, "abc")) << "no index";
+    EXPECT_THROW(with({{kComment, ia5("abc")}, {kComment, ia5("abc")}}), GnuTlsError) << "twice: GnuTLS takes no such";
+
+    std::vector<std::string> oids;
+    for (int i = 0; i < 100; ++i) oids.push_back("1.2.3." + std::to_string(i));
+    std::vector<std::pair<const char*, std::string>> many;
+    for (const std::string& oid : oids) many.emplace_back(oid.c_str(), "x");
+    many.emplace_back(kComment, ia5("abc"));
+    EXPECT_FALSE(with(many).hasNSComment("abc")) << "the 101st";
+    many.erase(many.begin());
+    EXPECT_TRUE(with(many).hasNSComment("abc")) << "the 100th";
+}
+
+} // namespace
+} // namespace agent

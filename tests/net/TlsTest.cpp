@@ -1,0 +1,421 @@
+#include "Support.h"
+#include "TestCertificates.h"
+#include "agent/OpenSSLStream.h"
+#include "agent/SSLStreamFactory.h"
+#include "agent/vnt/IoWrapper.h"
+
+#include <openssl/err.h>
+#include <poll.h>
+#include <sys/wait.h>
+
+#include <cerrno>
+#include <csignal>
+#include <future>
+
+namespace agent {
+namespace {
+
+using namespace std::chrono_literals;
+using test::Identity;
+using test::TcpServer;
+using test::thrownBy;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
+using ::vnt::common::Ret;
+
+const std::string kHost = "backup.example.com";
+
+/// Connects to this machine whatever the name, which the certificate is checked for.
+struct NamedConnector : TCPConnector {
+    NamedConnector(std::string name, int port)
+        : TCPConnector("127.0.0.1", port, 5s)
+        , m_name(std::move(name))
+    {
+    }
+    std::string getHost() const override { return m_name; }
+    std::string m_name;
+};
+
+/// Hands out what it was given.
+struct FixedStore : SSLCertificateStore {
+    FixedStore(info::Logger& logger, std::string certificate, std::string key)
+        : SSLCertificateStore(logger, m_nowhere)
+        , m_certificate(std::move(certificate))
+        , m_key(std::move(key))
+    {
+    }
+    void exportCertificatePrivateKeyPair(std::string& certificate, std::string& key) const override
+    {
+        certificate = m_certificate;
+        key = m_key;
+    }
+    FileCertificateStoreDescriptor m_nowhere{"", "", "", ""};
+    std::string m_certificate;
+    std::string m_key;
+};
+
+class TlsTest : public testing::Test {
+protected:
+    TlsTest()
+    {
+        Ret::set_logger([](auto, auto, const auto&) {});
+        ::setenv("SSL_CERT_FILE", m_dir.file("ca.pem", m_authority.pem()).c_str(), 1);
+        ::setenv("SSL_CERT_DIR", "/nonexistent", 1);
+    }
+    ~TlsTest() override { Ret::set_logger({}); }
+
+    std::function<void(int)> tls(std::function<void(SSL*)> serve, int version = 0) const
+    {
+        return test::tls({m_server, m_authority, version}, std::move(serve));
+    }
+
+    /// A stream to the server over a socket of its own.
+    std::shared_ptr<OpenSSLStream> streamTo(
+        const TcpServer& server, std::chrono::seconds timeout = 5s, const std::string& name = kHost)
+    {
+        m_connector = std::make_shared<NamedConnector>(name, server.port());
+        EXPECT_EQ(m_connector->connect().code, 0);
+        return std::make_shared<OpenSSLStream>(m_log.logger(), m_connector, m_store, timeout);
+    }
+
+    test::TempDir m_dir;
+    test::CapturingLogger m_log;
+    const Identity m_authority{test::CertificateSpec{.subject = {{"CN", "Authority"}}}};
+    const Identity m_client{{.subject = {{"CN", "42"}}}, &m_authority};
+    const Identity m_server{{.subject = {{"O", "Org"}, {"CN", "server"}}, .names = "DNS:" + kHost}, &m_authority};
+    std::shared_ptr<ISSLCertificateStore> m_store =
+        std::make_shared<FixedStore>(m_log.logger(), m_client.pem(), m_client.keyPem());
+    std::shared_ptr<TCPConnector> m_connector;
+};
+
+// What a stream says of an error that OpenSSL has put in the queue.
+std::string failure(const std::string& doing, const std::string& name)
+{
+    return doing + "Error: " + name + " |  Error Queue: ";
+}
+
+std::vector<unsigned char> pattern(std::size_t size)
+{
+    std::vector<unsigned char> data(size);
+    unsigned int state = 1;
+    for (unsigned char& byte : data) byte = static_cast<unsigned char>((state = state * 1664525 + 1013904223) >> 24);
+    return data;
+}
+
+class TlsVersions : public TlsTest, public testing::WithParamInterface<std::pair<int, const char*>> {};
+
+TEST_P(TlsVersions, CarryDataBothWays)
+{
+    const auto data = pattern(std::size_t{64} << 20);
+    bool isSame = false;
+    const TcpServer server(tls(
+        [&](SSL* ssl) {
+            std::vector<unsigned char> received(data.size());
+            for (std::size_t done = 0, count = 0; done < received.size(); done += count)
+                if (SSL_read_ex(ssl, received.data() + done, received.size() - done, &count) != 1) return;
+            isSame = received == data;
+            for (std::size_t done = 0, count = 0; done < received.size(); done += count)
+                if (SSL_write_ex(ssl, received.data() + done, 100'000, &count) != 1) return;
+        },
+        GetParam().first));
+    {
+        const auto stream = streamTo(server);
+        stream->connect();
+        EXPECT_EQ(stream->getFileDescriptor(), m_connector->fd());
+        stream->write(nullptr, 0);
+        stream->write(data.data(), static_cast<unsigned int>(data.size()));
+        std::vector<unsigned char> received(data.size());
+        unsigned int count = 9;
+        stream->read(nullptr, 0, count);
+        EXPECT_EQ(count, 0U);
+        for (std::size_t done = 0; done < received.size(); done += count)
+            stream->read(received.data() + done, static_cast<unsigned int>(received.size() - done), count);
+        EXPECT_TRUE(received == data);
+        EXPECT_TRUE(isSame);
+        EXPECT_EQ(thrownBy([&] { stream->connect(); }), test::posix("SSL client has already be initialized.", 114));
+    }
+    EXPECT_THAT(m_log.lines(),
+        ElementsAre("4 ssl socket number " + std::to_string(m_connector->fd()), "3 SSL verified server certificate",
+            "3 SSL connection completed using " + std::string(GetParam().second),
+            "4 Subject from server cert: /O=Org/CN=server", "4 Issuer from server cert: /CN=Authority",
+            "4 Starting ssl shutdown.", "4 Completed ssl shutdown."));
+}
+
+INSTANTIATE_TEST_SUITE_P(Tls, TlsVersions,
+    testing::Values(std::pair{TLS1_2_VERSION, "ECDHE-ECDSA-AES256-GCM-SHA384"},
+        std::pair{TLS1_3_VERSION, "TLS_AES_256_GCM_SHA384"}));
+
+TEST_F(TlsTest, KnowsWhomToTrust)
+{
+    const Identity stranger(test::CertificateSpec{.subject = {{"CN", "Stranger"}}});
+    struct Case {
+        const char* why;
+        std::string names;
+        std::string host;
+        const Identity* issuer;
+        long validUntil;
+        bool isTrusted;
+    };
+    for (const auto& [why, names, host, issuer, validUntil, isTrusted] : {
+             Case{"a wildcard", "DNS:*.example.com", kHost, &m_authority, 60, true},
+             Case{"an address", "IP:127.0.0.1", "127.0.0.1", &m_authority, 60, true},
+             Case{"another name", "DNS:other.example.com", kHost, &m_authority, 60, false},
+             Case{"a partial wildcard", "DNS:back*.example.com", kHost, &m_authority, 60, false},
+             Case{"an address as a name", "DNS:127.0.0.1", "127.0.0.1", &m_authority, 60, false},
+             Case{"another address", "IP:127.0.0.2", "127.0.0.1", &m_authority, 60, false},
+             Case{"an unknown authority", "DNS:" + kHost, kHost, &stranger, 60, false},
+             Case{"expired", "DNS:" + kHost, kHost, &m_authority, -60, false},
+         }) {
+        const Identity identity({.names = names, .validUntil = validUntil}, issuer);
+        std::string sentName;
+        const TcpServer server(test::tls({identity, m_authority}, [&](SSL* ssl) {
+            if (const char* const name = SSL_get_servername(ssl, TLSEXT_NAMETYPE_host_name)) sentName = name;
+            (void)SSL_read(ssl, &sentName, 0);
+        }));
+        const std::string thrown = thrownBy([&] { streamTo(server, 5s, host)->connect(); });
+        if (isTrusted) {
+            EXPECT_EQ(thrown, "nothing") << why;
+            continue;
+        }
+        EXPECT_THAT(thrown, StartsWith("posix: " + failure("Error on ssl connect: ", "SSL_ERROR_SSL") + "0: Error: 0x"))
+            << why;
+        EXPECT_THAT(thrown, HasSubstr("' | Func: 'OPENSSL_internal' | Reason: 'certificate verify failed'")) << why;
+        EXPECT_THAT(thrown, EndsWith("ERROR(Posix) : 22 (0x00000016)")) << why;
+    }
+}
+
+// Peers that are no TLS servers as they should be.
+TEST_F(TlsTest, SurvivesHostilePeersDuringTheHandshake)
+{
+    const auto garbage = [](int fd) { (void)::send(fd, "HTTP/1.1 400 Bad Request\r\n\r\n", 28, MSG_NOSIGNAL); };
+    const auto drain = [](int fd) {
+        char byte = 0;
+        while (::read(fd, &byte, 1) > 0) continue;
+    };
+    const auto reset = [](int fd) {
+        const linger now{1, 0};
+        ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &now, sizeof now);
+    };
+    const auto drip = [](int fd) { // a record that never ends
+        constexpr unsigned char kRecord[100] = {22, 3, 3, 0x40};
+        for (const unsigned char& byte : kRecord) {
+            if (::send(fd, &byte, 1, MSG_NOSIGNAL) != 1) return;
+            std::this_thread::sleep_for(100ms);
+        }
+    };
+    struct Case {
+        const char* why;
+        std::function<void(int)> serve;
+        std::chrono::seconds timeout;
+        std::string expected;
+    };
+    const auto descriptors = test::openDescriptors();
+    for (const auto& [why, serve, timeout, expected] : {
+             Case{"garbage", garbage, 5s,
+                 failure("posix: Error on ssl connect: ", "SSL_ERROR_SSL") + "0: Error: 0xa00010b "},
+             Case{"silent", drain, 1s, test::posix("Want read timed out.", 110)},
+             Case{"silent, and no time to wait", drain, 0s, test::posix("SSL_connect timed out after 0", 110)},
+             Case{"slow", drip, 1s, test::posix("SSL_connect timed out after 1", 110)},
+             Case{"closes", [](int) {}, 5s, "posix: Error on ssl connect: "},
+             Case{"resets", reset, 5s, "posix: Error on ssl connect: "},
+         }) {
+        const TcpServer server(serve);
+        {
+            const auto stream = streamTo(server, timeout);
+            EXPECT_THAT(thrownBy([&] { stream->connect(); }), StartsWith(expected)) << why;
+            EXPECT_EQ(thrownBy([&] { stream->connect(); }), test::posix("SSL client has already be initialized.", 114));
+        }
+        EXPECT_EQ(m_log.lines().back(), "4 skipping ssl shutdown because of: never initialized a connection") << why;
+        m_connector.reset();
+    }
+    EXPECT_LE(test::openDescriptors(), descriptors + 1) << "the last server's";
+}
+
+TEST_F(TlsTest, TellsWhatKeepsItFromConnecting)
+{
+    const std::string pem = m_client.pem();
+    const std::string key = m_client.keyPem();
+    const std::string noCertificate = test::posix("Can't load certificate string", 2);
+    const std::string noKey = test::posix("Can't load key string", 2);
+    struct Case {
+        const char* why;
+        std::string certificate;
+        std::string key;
+        std::string host;
+        std::string expected;
+    };
+    const TcpServer server([](int fd) { (void)::read(fd, nullptr, 0); });
+    for (const auto& [why, certificate, keyPem, host, expected] : {
+             Case{"no certificate", "", key, kHost, noCertificate},
+             Case{"half of one", pem.substr(0, pem.size() / 2), key, kHost, noCertificate},
+             Case{"a NUL inside", pem.substr(0, 80) + '\0' + pem.substr(81), key, kHost, noCertificate},
+             Case{"a key instead", key, key, kHost, noCertificate},
+             Case{"no key", pem, std::string(100'000, 'k'), kHost, noKey},
+             Case{"a key with a password, which nobody is asked for", pem, m_client.keyPem("secret"), kHost, noKey},
+             Case{"another's key", pem, m_server.keyPem(), kHost,
+                 "posix: Unable to load client key into ssl context: 0: "},
+             Case{"no host", pem, key, "", test::posix("Unable to set ssl verify host: ", 22)},
+             Case{"a NUL in the host", pem, key, kHost + '\0', test::posix("Unable to set ssl verify host: ", 22)},
+             Case{"a host of 256 bytes", pem, key, std::string(256, 'h'), "posix: Unable to set ssl verify host: 0: "},
+         }) {
+        OpenSSLStream stream(m_log.logger(), std::make_shared<NamedConnector>(host, server.port()),
+            std::make_shared<FixedStore>(m_log.logger(), certificate, keyPem), 1s);
+        EXPECT_THAT(thrownBy([&] { stream.connect(); }), StartsWith(expected)) << why;
+        unsigned int count = 0;
+        EXPECT_THAT(thrownBy([&] { stream.read(&count, 1, count); }), StartsWith("posix: ")) << why;
+        stream.close(); // and so it can be tried again
+        EXPECT_THAT(thrownBy([&] { stream.connect(); }), StartsWith(expected)) << why;
+    }
+    m_store = nullptr;
+    m_connector = std::make_shared<NamedConnector>(kHost, server.port());
+    OpenSSLStream stream(m_log.logger(), m_connector, m_store, 1s);
+    EXPECT_EQ(thrownBy([&] { stream.connect(); }), test::posix("ISSLCertificateStore is nullptr", 2));
+    EXPECT_EQ(thrownBy([&] { stream.getPeerCertificate(); }), "logic: getPeerCertificate is not implemented");
+    EXPECT_EQ(thrownBy([&] { OpenSSLStream(m_log.logger(), nullptr, m_store, 1s); }),
+        "invalid argument: ITCPConnector is nullptr");
+}
+
+TEST_F(TlsTest, RefusesOldProtocolsAndServersThatRefuseIt)
+{
+    const TcpServer old([&](int fd) {
+        const test::TlsServerOptions options{m_server, m_authority, TLS1_1_VERSION, "ALL:@SECLEVEL=0"};
+        test::tls(options, [](SSL*) {})(fd);
+    });
+    EXPECT_THAT(thrownBy([&] { streamTo(old)->connect(); }), StartsWith("posix: Error on ssl connect: "));
+
+    const Identity stranger(test::CertificateSpec{.subject = {{"CN", "Stranger"}}});
+    m_store = std::make_shared<FixedStore>(m_log.logger(), stranger.pem(), stranger.keyPem());
+    const TcpServer server(tls([](SSL*) {}));
+    const auto stream = streamTo(server); // TLS 1.3: the server's refusal comes with the first data
+    stream->connect();
+    unsigned int count = 0;
+    EXPECT_THAT(thrownBy([&] { stream->read(&count, 1, count); }),
+        StartsWith(
+            "posix: " + failure("SSL error on SSL_read: ", "SSL_ERROR_SSL") + "0: Error: 0xa000418 | Library: "));
+}
+
+TEST_F(TlsTest, ToldHowAConnectionEnds)
+{
+    char byte = 0;
+    unsigned int count = 0;
+    {
+        const TcpServer server(tls([](SSL* ssl) {
+            SSL_shutdown(ssl);
+            char last = 0;
+            (void)SSL_read(ssl, &last, 1);
+        }));
+        const auto stream = streamTo(server);
+        stream->connect();
+        EXPECT_EQ(thrownBy([&] { stream->read(&byte, 1, count); }),
+            test::posix(failure("Read returned EOF, remote closed socket. ", "SSL_ERROR_ZERO_RETURN"), 104));
+        stream->close();
+        EXPECT_EQ(thrownBy([&] { stream->write(&byte, 1); }), test::posix("SSL_write without a connection", 107));
+    }
+    const TcpServer server(tls([](SSL* ssl) {
+        char first = 0;
+        (void)SSL_read(ssl, &first, 1);
+        const linger now{1, 0};
+        ::setsockopt(SSL_get_fd(ssl), SOL_SOCKET, SO_LINGER, &now, sizeof now);
+    }));
+    const auto stream = streamTo(server);
+    stream->connect();
+    stream->write(&byte, 1);
+    const std::string reset = PosixError("SSL_ERROR_SYSCALL", ECONNRESET).what();
+    EXPECT_EQ(thrownBy([&] { stream->read(&byte, 1, count); }),
+        test::posix(failure("SSL error on SSL_read: ", reset), SSL_ERROR_SYSCALL));
+    const pid_t child = ::fork(); // whose signals are as they were at the beginning
+    if (child == 0) {
+        (void)std::signal(SIGPIPE, SIG_DFL);
+        const std::string broken = PosixError("SSL_ERROR_SYSCALL", EPIPE).what();
+        ::_exit(thrownBy([&] { stream->write(&byte, 1); }) ==
+                        test::posix(failure("SSL error on SSL_write: ", broken), SSL_ERROR_SYSCALL)
+                    ? 0
+                    : 1);
+    }
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    stream->close();
+    EXPECT_EQ(m_log.lines().back(), "4 skipping ssl shutdown because of: previous ssl error");
+}
+
+TEST_F(TlsTest, WaitsNoLongerThanItShould)
+{
+    std::promise<void> done;
+    const TcpServer server(tls([&](SSL*) { done.get_future().wait(); }));
+    const auto stream = streamTo(server, 1s);
+    stream->connect();
+    std::vector<char> large(50'000'000); // more than the sockets hold
+    unsigned int count = 0;
+    EXPECT_EQ(thrownBy([&] { stream->read(large.data(), 1, count); }), test::posix("Want read timed out.", 110));
+    EXPECT_EQ(thrownBy([&] { stream->write(large.data(), static_cast<unsigned int>(large.size())); }),
+        test::posix("Want write timed out.", 110));
+    // What others left in the thread's error queue is reported, and is not taken for the stream's own.
+    ERR_raise(ERR_LIB_SSL, SSL_R_BAD_LENGTH);
+    EXPECT_EQ(thrownBy([&] { stream->read(large.data(), 1, count); }), test::posix("Want read timed out.", 110));
+    EXPECT_EQ(m_log.lines().back(),
+        "1 Error Queue before sslRead: 0: Error: 0xa00010f | Library: 'SSL routines' | Func: "
+        "'OPENSSL_internal' | Reason: 'bad length'");
+    done.set_value();
+}
+
+TEST_F(TlsTest, IsMadeForAStore)
+{
+    struct Foreign : FileCertificateStoreDescriptor {
+        using FileCertificateStoreDescriptor::FileCertificateStoreDescriptor;
+        CertificateStoreType getStoreType() const override { return m_type; }
+        CertificateStoreType m_type = CertificateStoreType(3);
+    };
+    Foreign descriptor(m_dir.file("cert", m_client.pem()), m_dir.file("key", m_client.keyPem()), "", "");
+    const TcpServer server(tls([](SSL* ssl) { (void)SSL_write(ssl, "x", 1); }));
+    const SSLStreamFactory factory(m_log.logger());
+    m_connector = std::make_shared<NamedConnector>(kHost, server.port());
+    const auto make = [&] { return factory.makeClientStream(descriptor, m_connector, 5s); };
+    EXPECT_EQ(thrownBy(make), "invalid argument: must provide registered type to create SSL stream. Type provided: "
+                              "Unknown CertificateStoreType: 3");
+    descriptor.m_type = CertificateStoreType::Native;
+    EXPECT_EQ(thrownBy(make), "runtime: Not implemented");
+    descriptor.m_type = CertificateStoreType::File;
+    ASSERT_EQ(m_connector->connect().code, 0);
+    make()->connect();
+}
+
+TEST_F(TlsTest, OrAPlainSocketIsBehindTheWrapper)
+{
+    const auto echo = [](SSL* ssl) {
+        char text[4] = {};
+        if (SSL_read(ssl, text, 4) == 4) (void)SSL_write(ssl, text, 4);
+    };
+    const auto plainEcho = [](int fd) {
+        char text[4] = {};
+        if (::read(fd, text, 4) == 4) (void)::send(fd, text, 4, MSG_NOSIGNAL);
+    };
+    for (const bool isTls : {true, false}) {
+        const TcpServer server(isTls ? tls(echo) : plainEcho);
+        const auto stream = streamTo(server);
+        vnt::IoWrapper io(m_log.logger(), isTls ? stream : nullptr, m_connector, 5s, true);
+        EXPECT_EQ(io.init().code, 0);
+        char text[6] = "12\x01"
+                       "4";
+        unsigned int count = 0;
+        const std::string dump = "00000000  31 32 01 34 ";
+        EXPECT_EQ(io.write(text, 4).code, 0);
+        EXPECT_THAT(m_log.lines().back(), StartsWith("3 IoWrapper sending:\n" + dump));
+        EXPECT_THAT(m_log.lines().back(), HasSubstr("12_4"));
+        EXPECT_EQ(io.read(text, 5, count).code, 0);
+        EXPECT_EQ(count, 4U);
+        EXPECT_THAT(m_log.lines().back(), StartsWith("3 IoWrapper received:\n" + dump + "00")) << "all of the buffer";
+        const Ret end = io.read(text, 5, count);
+        EXPECT_EQ(end.code, isTls ? 22 : 107);
+        EXPECT_THAT(end.message, HasSubstr(isTls ? "SSL error on SSL_read: " : "connection closed")) << "its text";
+        EXPECT_EQ(count, 4U) << "as it was";
+        EXPECT_THAT(m_log.lines().back(), StartsWith("3 IoWrapper received:\n")) << "whatever the result";
+    }
+    vnt::IoWrapper nothing(m_log.logger(), nullptr, std::make_shared<TCPConnector>("h", 1, 1s), 1s, false);
+    EXPECT_EQ(nothing.write("x", 1).code, 107) << "descriptor 0 is no socket";
+}
+
+} // namespace
+} // namespace agent

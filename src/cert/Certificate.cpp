@@ -110,7 +110,7 @@ std::string extensionOid(gnutls_x509_crt_t certificate, unsigned int index, int&
     std::array<char, kNetscapeCommentOid.size() + 1> oid{};
     std::size_t size = oid.size();
     unsigned int critical = 0;
-    result = gnutls_x509_crt_get_extension_info(certificate, static_cast<int>(index), oid.data(), &size, &critical);
+    result = gnutls_x509_crt_get_extension_info(certificate, index, oid.data(), &size, &critical);
     if (result < 0) return {};
     const std::string_view text(oid.data(), std::min(size, oid.size()));
     return std::string(text.substr(0, text.find('\0')));
@@ -305,7 +305,7 @@ bool Certificate::hasNSComment(const std::string& comment) const
 
 bool Certificate::nsCommentExtensionDataMatches(unsigned long extensionIndex, const std::string& comment) const
 {
-    if (comment.size() > kLongestShortForm || extensionIndex > std::numeric_limits<int>::max()) return false;
+    if (comment.size() > kLongestShortForm || extensionIndex > std::numeric_limits<unsigned int>::max()) return false;
     std::array<char, kLongestShortForm + 2> value{}; // tag, length, text
     std::size_t size = comment.size() + 2;
     if (gnutls_x509_crt_get_extension_data(

@@ -80,6 +80,13 @@ protected:
         return std::make_shared<OpenSSLStream>(m_log.logger(), m_connector, m_store, timeout);
     }
 
+    /// What connecting to the server throws.
+    std::string failureWith(const TcpServer& server, std::chrono::seconds timeout = 5s, const std::string& name = kHost)
+    {
+        const auto stream = streamTo(server, timeout, name);
+        return thrownBy([&] { stream->connect(); });
+    }
+
     test::TempDir m_dir;
     test::CapturingLogger m_log;
     const Identity m_authority{test::CertificateSpec{.subject = {{"CN", "Authority"}}}};
@@ -174,7 +181,7 @@ TEST_F(TlsTest, KnowsWhomToTrust)
             if (const char* const name = SSL_get_servername(ssl, TLSEXT_NAMETYPE_host_name)) sentName = name;
             (void)SSL_read(ssl, &sentName, 0);
         }));
-        const std::string thrown = thrownBy([&] { streamTo(server, 5s, host)->connect(); });
+        const std::string thrown = failureWith(server, 5s, host);
         if (isTrusted) {
             EXPECT_EQ(thrown, "nothing") << why;
             continue;
@@ -283,7 +290,7 @@ TEST_F(TlsTest, RefusesOldProtocolsAndServersThatRefuseIt)
         const test::TlsServerOptions options{m_server, m_authority, TLS1_1_VERSION, "ALL:@SECLEVEL=0"};
         test::tls(options, [](SSL*) {})(fd);
     });
-    EXPECT_THAT(thrownBy([&] { streamTo(old)->connect(); }), StartsWith("posix: Error on ssl connect: "));
+    EXPECT_THAT(failureWith(old), StartsWith("posix: Error on ssl connect: "));
 
     const Identity stranger(test::CertificateSpec{.subject = {{"CN", "Stranger"}}});
     m_store = std::make_shared<FixedStore>(m_log.logger(), stranger.pem(), stranger.keyPem());

@@ -12,7 +12,7 @@
 #include <stdexcept>
 #include <vector>
 
-namespace incremental_backup {
+namespace backup {
 
 namespace {
 
@@ -91,4 +91,4 @@ void writeBitmap(
     if (stream.fail()) throw agent::PosixError("close(\"" + path + "\") failed", error);
 }
 
-} // namespace incremental_backup
+} // namespace backup

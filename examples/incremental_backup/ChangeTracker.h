@@ -8,7 +8,7 @@
 #include <set>
 #include <string>
 
-namespace incremental_backup {
+namespace backup {
 
 /// Plays the driver that watches a volume's writes: it learns which covered blocks changed by comparing two images.
 /// @param replica  may be null; else its covered blocks must be those of `previous`
@@ -20,4 +20,4 @@ std::set<agent::BlockRange> findChanges(
 void writeBitmap(
     const std::string& path, const BlockMap& map, const std::set<agent::BlockRange>& changes, bool msbFirst);
 
-} // namespace incremental_backup
+} // namespace backup

@@ -7,7 +7,7 @@
 
 #include <memory>
 
-namespace incremental_backup {
+namespace backup {
 
 void printCowFile(const Options& options, unsigned long volumeSize, agent::info::Logger& logger)
 {
@@ -29,4 +29,4 @@ void printCowFile(const Options& options, unsigned long volumeSize, agent::info:
     if (expansion->hasReservedSpace()) line << ", leaves " << expansion->getReservedSpace() << " MiB free";
 }
 
-} // namespace incremental_backup
+} // namespace backup

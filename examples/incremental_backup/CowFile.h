@@ -4,7 +4,7 @@
 
 #include "agent/info/Logger.h"
 
-namespace incremental_backup {
+namespace backup {
 
 /// Prints how large the copy-on-write file of the volume's snapshot starts, and whether and how it grows, as the
 /// configuration says.
@@ -12,4 +12,4 @@ namespace incremental_backup {
 /// @param volumeSize  bytes
 void printCowFile(const Options& options, unsigned long volumeSize, agent::info::Logger& logger);
 
-} // namespace incremental_backup
+} // namespace backup

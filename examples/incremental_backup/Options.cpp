@@ -6,16 +6,19 @@
 
 #include <charconv>
 #include <iostream>
+#include <limits>
 #include <system_error>
 #include <utility>
 
-namespace incremental_backup {
+namespace backup {
 
 namespace {
 
 // A disk sector at the least; at the most what fits comfortably into memory, twice.
 constexpr unsigned long kSmallestBlock = 512;
 constexpr unsigned long kLargestBlock = 256UL << 20;
+
+constexpr unsigned int kSmallestBandwidth = 8000; // bits per second; less would end in the server's time-out
 
 std::string checkBlockSize(const std::string& text)
 {
@@ -30,10 +33,9 @@ std::string checkBlockSize(const std::string& text)
 void requireImages(const Options& options)
 {
     if (!options.printExtents.empty()) return;
-    for (const auto& [name, value] : {std::pair("--previous", &options.previous), {"--current", &options.current},
-             {"--replica", &options.replica}}) {
+    for (const auto& [name, value] : {std::pair("--previous", &options.previous), {"--current", &options.current}})
         if (value->empty()) throw CLI::RequiredError(name);
-    }
+    if (options.replica.empty() == options.server.empty()) throw CLI::RequiredError("--replica or --server");
 }
 
 } // namespace
@@ -48,6 +50,13 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options)
         ->check(checkBlockSize, "power of two")
         ->capture_default_str();
     app.add_flag("--lsb-first", options.lsbFirst, "least significant bit first in the change bitmap");
+    auto* const store = app.add_option("--certificate-store", options.certificateStore,
+        "folder with certificate.pem and private_key.pem, to show to the server");
+    auto* const server = app.add_option("--server", options.server, "host:port of a backup server with the replica");
+    server->needs(store);
+    app.add_option("--bandwidth", options.bandwidth, "bits per second to send to the server at most")
+        ->needs(server)
+        ->check(CLI::Range(kSmallestBandwidth, std::numeric_limits<unsigned int>::max()));
     app.add_option("--exclude", options.exclude, "file with ranges of blocks to leave out, one [8, 12) a line");
     app.add_option("--config", options.config, "JSON file with the volume's settings; sizes its copy-on-write file");
     app.add_option("--volume", options.volume, "the volume's name in the configuration")->default_str("the image's");
@@ -67,4 +76,4 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options)
     return std::nullopt;
 }
 
-} // namespace incremental_backup
+} // namespace backup

@@ -3,7 +3,7 @@
 #include <optional>
 #include <string>
 
-namespace incremental_backup {
+namespace backup {
 
 /// Names of files are empty where the option is not given.
 struct Options {
@@ -18,6 +18,9 @@ struct Options {
     std::string fileSystem;         ///< of the volume
     std::string log;                ///< takes all log lines
     std::string report;             ///< archive to make of log, bitmap and summary
+    std::string server;             ///< "host:port" of a backup server that has the replica
+    std::string certificateStore;   ///< folder with our certificate and key for it
+    unsigned int bandwidth = 0;     ///< to the server, bits per second; 0: no limit
     std::string printExtents;       ///< file whose ranges to print, instead of a backup
 };
 
@@ -26,4 +29,4 @@ struct Options {
 ///          which has been reported in one line on standard error
 std::optional<int> parseOptions(int argc, char** argv, Options& options);
 
-} // namespace incremental_backup
+} // namespace backup

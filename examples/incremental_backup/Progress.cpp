@@ -5,7 +5,7 @@
 #include <iostream>
 #include <utility>
 
-namespace incremental_backup {
+namespace backup {
 
 Progress::Progress(std::string label, unsigned long total)
     : m_label(std::move(label))
@@ -29,4 +29,4 @@ void Progress::advance(unsigned long amount)
     std::cerr << '\r' << m_label << ' ' << percent << " %" << std::flush;
 }
 
-} // namespace incremental_backup
+} // namespace backup

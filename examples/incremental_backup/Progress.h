@@ -2,7 +2,7 @@
 
 #include <string>
 
-namespace incremental_backup {
+namespace backup {
 
 /// One line on standard error that follows long work; silent when that is no terminal. The line is gone
 /// again when the object is.
@@ -23,4 +23,4 @@ private:
     bool m_isShown;
 };
 
-} // namespace incremental_backup
+} // namespace backup

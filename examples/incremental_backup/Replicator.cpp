@@ -9,7 +9,7 @@
 #include <numeric>
 #include <stdexcept>
 
-namespace incremental_backup {
+namespace backup {
 
 using agent::BlockRange;
 using agent::info::Logger;
@@ -40,18 +40,39 @@ void Replicator::apply(const ImageFile& current, const ImageFile& replica)
 {
     const auto start = std::chrono::steady_clock::now();
     try {
-        copyRanges(current, replica);
+        copyRanges(current, [&](const BlockRange& piece, const char* data, std::size_t size, const auto&) {
+            replica.write(m_map.offsetOf(piece.start()), data, size);
+        });
         replica.sync();
     } catch (const std::exception& e) {
-        const auto wanted = std::accumulate(m_ranges.begin(), m_ranges.end(), 0UL,
-            [](unsigned long sum, const BlockRange& range) { return sum + range.count(); });
-        throw std::runtime_error("\"" + replica.path() + "\" is incomplete, " + std::to_string(m_totals.blocks) +
-                                 " of " + std::to_string(wanted) + " changed blocks were written: " + e.what());
+        throw std::runtime_error(
+            "\"" + replica.path() + "\" is incomplete, " + progressSoFar() + " written: " + e.what());
     }
     m_totals.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-void Replicator::copyRanges(const ImageFile& current, const ImageFile& replica)
+void Replicator::send(const ImageFile& current, RemoteReplica& remote)
+{
+    const auto start = std::chrono::steady_clock::now();
+    try {
+        copyRanges(current, [&](const BlockRange& piece, const char* data, std::size_t size, const auto& checksums) {
+            remote.send(piece, data, size, checksums);
+        });
+    } catch (const std::exception& e) {
+        throw std::runtime_error(
+            "the replica at " + remote.name() + " is as it was, " + progressSoFar() + " sent: " + e.what());
+    }
+    m_totals.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+std::string Replicator::progressSoFar() const
+{
+    const auto wanted = std::accumulate(m_ranges.begin(), m_ranges.end(), 0UL,
+        [](unsigned long sum, const BlockRange& range) { return sum + range.count(); });
+    return std::to_string(m_totals.blocks) + " of " + std::to_string(wanted) + " changed blocks were";
+}
+
+void Replicator::copyRanges(const ImageFile& current, const Sink& sink)
 {
     m_totals = {};
     m_blockChecksums.clear();
@@ -59,11 +80,11 @@ void Replicator::copyRanges(const ImageFile& current, const ImageFile& replica)
     std::vector<char> buffer;
     m_map.forEachPiece(m_ranges, [&](const BlockRange& piece) {
         readPiece(current, piece, buffer);
-        for (unsigned long block = 0; block < piece.count(); ++block) {
-            m_blockChecksums.push_back(checksum(buffer, block));
-        }
+        std::vector<std::uint32_t> checksums;
+        for (unsigned long block = 0; block < piece.count(); ++block) checksums.push_back(checksum(buffer, block));
         const unsigned long bytes = m_map.bytesIn(piece);
-        replica.write(m_map.offsetOf(piece.start()), buffer.data(), bytes);
+        sink(piece, buffer.data(), bytes, checksums);
+        m_blockChecksums.insert(m_blockChecksums.end(), checksums.begin(), checksums.end());
         m_totals.blocks += piece.count();
         m_totals.bytes += bytes;
         progress.advance(bytes);
@@ -131,4 +152,4 @@ std::uint32_t Replicator::checksum(std::vector<char>& piece, unsigned long block
     return value;
 }
 
-} // namespace incremental_backup
+} // namespace backup

@@ -2,17 +2,19 @@
 
 #include "BlockMap.h"
 #include "ImageFile.h"
+#include "RemoteReplica.h"
 
 #include "agent/BlockRange.h"
 #include "agent/BufferChecksum.h"
 #include "agent/info/Logger.h"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
-namespace incremental_backup {
+namespace backup {
 
 /// What a run has moved so far.
 struct Totals {
@@ -35,6 +37,10 @@ public:
     /// @throws std::runtime_error  with the cause, and with how much of the replica is up to date
     void apply(const ImageFile& current, const ImageFile& replica);
 
+    /// Sends every changed block to a server.
+    /// @throws std::runtime_error  with the cause, and with how much was sent
+    void send(const ImageFile& current, RemoteReplica& remote);
+
     /// Compares the covered blocks of the replica with the current image byte by byte, and its changed blocks
     /// with their checksums.
     /// @return  empty, or what differs
@@ -44,7 +50,12 @@ public:
     const Totals& totals() const { return m_totals; }
 
 private:
-    void copyRanges(const ImageFile& current, const ImageFile& replica);
+    /// Takes a piece: of its data as much as the image has, and the checksums of its blocks.
+    using Sink = std::function<void(const agent::BlockRange& piece, const char* data, std::size_t size,
+        const std::vector<std::uint32_t>& checksums)>;
+
+    void copyRanges(const ImageFile& current, const Sink& sink);
+    std::string progressSoFar() const;
     void readPiece(const ImageFile& image, const agent::BlockRange& piece, std::vector<char>& buffer) const;
     std::uint32_t checksum(std::vector<char>& piece, unsigned long blockInPiece) const;
     std::string compareBytes(const ImageFile& current, const ImageFile& replica) const;
@@ -58,4 +69,4 @@ private:
     Totals m_totals;
 };
 
-} // namespace incremental_backup
+} // namespace backup

@@ -1,5 +1,5 @@
 // Embeds the library as a backup agent would: learns which blocks of a volume image changed, keeps them in a
-// change bitmap, finds the changed ranges in it, carries them over to a replica, and reports.
+// change bitmap, finds the changed ranges in it, carries them over to a replica, here or at a server, and reports.
 
 #include "BlockMap.h"
 #include "ChangeTracker.h"
@@ -7,6 +7,8 @@
 #include "ImageFile.h"
 #include "LogPrinter.h"
 #include "Options.h"
+#include "Protocol.h"
+#include "RemoteReplica.h"
 #include "Replicator.h"
 
 #include "agent/FileWriters.h"
@@ -18,6 +20,7 @@
 #include "agent/crc32c.h"
 #include "agent/file/Operations.h"
 #include "agent/info/Logger.h"
+#include "agent/vnt/LoggerAdapter.h"
 
 #include <cstdlib>
 #include <exception>
@@ -25,12 +28,13 @@
 #include <iomanip>
 #include <iostream>
 #include <optional>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
 #include <vector>
 
-namespace incremental_backup {
+namespace backup {
 
 namespace {
 
@@ -127,14 +131,25 @@ void writeReport(const Options& options, const agent::Path& log, const agent::Pa
     Logger::Entry(logger, Logger::INFO) << "Report:   " << options.report;
 }
 
-void backUp(const Options& options, const agent::Path& log, Logger& logger)
-{
-    const ImageFile previous(options.previous, ImageFile::Access::ReadOnly);
-    const ImageFile current(options.current, ImageFile::Access::ReadOnly);
-    refuseOtherSize(current, previous);
-    if (!options.config.empty()) printCowFile(options, current.size(), logger);
-    const BlockMap map = mapOf(previous, options);
+/// The images of one backup, and how they are cut into blocks.
+struct Images {
+    explicit Images(const Options& options)
+        : previous(options.previous, ImageFile::Access::ReadOnly)
+        , current(options.current, ImageFile::Access::ReadOnly)
+        , map(mapOf(previous, options))
+    {
+        refuseOtherSize(current, previous);
+    }
+    ImageFile previous;
+    ImageFile current;
+    BlockMap map;
+};
 
+/// Brings a file up to date.
+void updateFile(
+    const Options& options, const Images& images, const agent::Path& bitmap, Replicator& replicator, Logger& logger)
+{
+    const auto& [previous, current, map] = images;
     const bool isNewReplica = !agent::file::exists(options.replica);
     if (isNewReplica) {
         Logger::Entry(logger, Logger::INFO) << "Copying " << options.previous << " to " << options.replica;
@@ -145,18 +160,51 @@ void backUp(const Options& options, const agent::Path& log, Logger& logger)
     refuseSameFile(replica, previous);
     refuseOtherSize(replica, previous);
 
-    const TemporaryFile bitmap(logger, "changes_");
     const bool msbFirst = !options.lsbFirst;
-    writeBitmap(bitmap.path().u8string(), map, findChanges(map, previous, current, isNewReplica ? nullptr : &replica),
-        msbFirst);
-    Replicator replicator(logger, map);
-    replicator.loadChanges(bitmap.path().u8string(), msbFirst);
+    writeBitmap(
+        bitmap.u8string(), map, findChanges(map, previous, current, isNewReplica ? nullptr : &replica), msbFirst);
+    replicator.loadChanges(bitmap.u8string(), msbFirst);
     replicator.apply(current, replica);
     const std::string difference = replicator.verify(current, replica);
     if (!difference.empty()) throw ReplicaDiffers(difference);
+}
 
-    const std::string summary = summaryOf(map, replicator);
-    Logger::Entry(logger, Logger::INFO) << options.replica << " equals " << options.current
+/// Has a server bring its replica up to date.
+void updateServer(
+    const Options& options, const Images& images, const agent::Path& bitmap, Replicator& replicator, Logger& logger)
+{
+    const auto& [previous, current, map] = images;
+    RemoteReplica remote(logger, options);
+    std::set<agent::BlockRange> changes;
+    if (remote.begin(map) == protocol::digestOf(previous, map)) {
+        changes = findChanges(map, previous, current, nullptr);
+    } else {
+        Logger::Entry(logger, Logger::INFO) << "The server has no copy of " << options.previous << ", so all is sent";
+        changes.insert(map.covered().begin(), map.covered().end());
+    }
+    const bool msbFirst = !options.lsbFirst;
+    writeBitmap(bitmap.u8string(), map, changes, msbFirst);
+    replicator.loadChanges(bitmap.u8string(), msbFirst);
+    replicator.send(current, remote);
+    if (remote.finish(replicator.totals().blocks) != protocol::digestOf(current, map))
+        throw ReplicaDiffers("what the server has received differs from " + options.current +
+                             "; it keeps the replica "
+                             "that it had");
+    remote.commit();
+}
+
+void backUp(const Options& options, const agent::Path& log, Logger& logger)
+{
+    const Images images(options);
+    if (!options.config.empty()) printCowFile(options, images.current.size(), logger);
+    const TemporaryFile bitmap(logger, "changes_");
+    Replicator replicator(logger, images.map);
+    const auto update = options.server.empty() ? updateFile : updateServer;
+    update(options, images, bitmap.path(), replicator, logger);
+
+    const std::string summary = summaryOf(images.map, replicator);
+    const std::string replica = options.server.empty() ? options.replica : "The replica at " + options.server;
+    Logger::Entry(logger, Logger::INFO) << replica << " equals " << options.current
                                         << (options.exclude.empty() ? "" : " but for what is excluded");
     std::istringstream lines(summary);
     for (std::string line; std::getline(lines, line);) Logger::Entry(logger, Logger::INFO) << line;
@@ -173,6 +221,8 @@ void run(const Options& options)
 
     const LogPrinter printer(log);
     Logger logger = printer.makeLogger();
+    vnt::common::Ret::set_logger(vnt::LoggerAdapter::toLogCallback(logger));
+    const auto noLogger = agent::make_scope_exit([] { vnt::common::Ret::set_logger({}); });
     try {
         options.printExtents.empty() ? backUp(options, log, logger) : printExtents(options, logger);
     } catch (const std::exception& e) {
@@ -183,11 +233,11 @@ void run(const Options& options)
 
 } // namespace
 
-} // namespace incremental_backup
+} // namespace backup
 
 int main(int argc, char** argv)
 {
-    using namespace incremental_backup;
+    using namespace backup;
     Options options;
     if (const auto status = parseOptions(argc, argv, options)) return *status;
     try {

@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <stdexcept>
 
-namespace incremental_backup {
+namespace backup {
 
 namespace {
 
@@ -81,4 +81,4 @@ void ImageFile::sync() const
     if (::fsync(m_fd) != 0) throwErrno("fsync", m_path);
 }
 
-} // namespace incremental_backup
+} // namespace backup

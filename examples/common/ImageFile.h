@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <string>
 
-namespace incremental_backup {
+namespace backup {
 
 /// A volume image: a regular file read and written at given offsets. Every failure is an exception whose
 /// text names the file.
@@ -39,4 +39,4 @@ private:
     unsigned long m_inode = 0;
 };
 
-} // namespace incremental_backup
+} // namespace backup

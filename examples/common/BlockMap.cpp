@@ -9,7 +9,7 @@
 #include <sstream>
 #include <stdexcept>
 
-namespace incremental_backup {
+namespace backup {
 
 using agent::BlockRange;
 
@@ -95,4 +95,4 @@ std::vector<BlockRange> readRanges(const std::string& path)
     return ranges;
 }
 
-} // namespace incremental_backup
+} // namespace backup

@@ -5,7 +5,7 @@
 
 #include <iostream>
 
-namespace incremental_backup {
+namespace backup {
 
 using agent::FileOpenMode;
 using agent::info::Logger;
@@ -40,4 +40,4 @@ bool LogPrinter::writeToFile(const std::string& line) const
     }
 }
 
-} // namespace incremental_backup
+} // namespace backup

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace incremental_backup {
+namespace backup {
 
 /// Cuts an image into blocks and knows which of them the backup covers. The last block may be shorter than the
 /// others.
@@ -43,4 +43,4 @@ private:
 /// @throws std::runtime_error  naming the file and the line
 std::vector<agent::BlockRange> readRanges(const std::string& path);
 
-} // namespace incremental_backup
+} // namespace backup

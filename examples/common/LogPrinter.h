@@ -5,7 +5,7 @@
 #include "agent/info/Decorators.h"
 #include "agent/info/Logger.h"
 
-namespace incremental_backup {
+namespace backup {
 
 /// Delivers the program's log lines: those of level INFO and above to the screen as they are, and all of them to a
 /// log file, with date, thread id and tag. What the file cannot take goes to standard error.
@@ -29,4 +29,4 @@ private:
     agent::info::MultiDecorator m_decorator;
 };
 
-} // namespace incremental_backup
+} // namespace backup

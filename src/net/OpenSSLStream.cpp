@@ -133,6 +133,9 @@ bool setQuietBio(SSL* connection, int fd)
     BIO_set_fd(bio.get(), fd, BIO_NOCLOSE);
     BIO* const owned = bio.release();
     SSL_set_bio(connection, owned, owned);
+    // The machine's configuration may ask for TLS in the kernel. Alerts would then need messages with a record type,
+    // which this way of writing does not make: the peer would take them for data.
+    SSL_clear_options(connection, SSL_OP_ENABLE_KTLS);
     return true;
 }
 

@@ -10,6 +10,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <stdexcept>
 #include <string>
@@ -41,6 +42,18 @@ std::unique_ptr<X509, decltype(&X509_free)> certificateOf(const std::string& pem
     return {PEM_read_bio_X509(bioOf(pem).get(), nullptr, nullptr, nullptr), X509_free};
 }
 
+// Closing a socket with unread data resets the connection, and the alert that tells the client why would be lost.
+void discardRest(int socket)
+{
+    constexpr timeval kShortPatience{1, 0};
+    (void)::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &kShortPatience, sizeof kShortPatience);
+    (void)::shutdown(socket, SHUT_WR);
+    std::array<char, 4096> buffer;
+    int reads = 100; // a client that goes on sending is not waited for
+    while (reads-- > 0 && ::read(socket, buffer.data(), buffer.size()) > 0) {
+    }
+}
+
 } // namespace
 
 TlsConnection::TlsConnection(SSL_CTX* context, int socket)
@@ -53,6 +66,7 @@ TlsConnection::TlsConnection(SSL_CTX* context, int socket)
         if (!m_connection || SSL_set_fd(m_connection.get(), socket) != 1) fail("setting up");
         if (SSL_accept(m_connection.get()) != 1) fail("the handshake");
     } catch (...) {
+        discardRest(socket);
         (void)::close(socket);
         throw;
     }

@@ -58,7 +58,8 @@ void serve(const Options& options, Logger& logger)
 int main(int argc, char** argv)
 {
     using namespace backup;
-    (void)std::signal(SIGPIPE, SIG_IGN); // a client that is gone is an error like any other
+    // A client that is gone, or a file that may not grow, is an error like any other.
+    for (const int signal : {SIGPIPE, SIGXFSZ}) (void)std::signal(signal, SIG_IGN);
     (void)::umask(S_IRWXG | S_IRWXO);    // images are nobody else's business
 
     Options options;

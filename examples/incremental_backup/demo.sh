@@ -1,15 +1,39 @@
 #!/usr/bin/env bash
-# Backs up the changed blocks of a real ext4 image, without root and without mounting anything, and proves the
-# replica. usage: demo.sh PROGRAM
+# Backs up the changed blocks of a real ext4 image, here and to a server over TLS, without root and without mounting
+# anything, and proves the replicas. usage: demo.sh PROGRAM SERVER-PROGRAM
 set -euo pipefail
 program=$(readlink -f "$1")
+server_program=$(readlink -f "$2")
+make_certificates=$(readlink -f "$(dirname "$0")/../make_certificates.sh")
 PATH=$PATH:/usr/sbin:/sbin # mkfs and its kin, for users who are not root
 work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+server=
+trap '[ -z "$server" ] || kill "$server" 2>/dev/null || true; rm -rf "$work"' EXIT
 cd "$work"
 
 step() { printf '\n\033[1m%s\033[0m\n' "$*"; }
 show() { echo "$ incremental_backup $*" && "$program" "$@"; }
+
+# start_server ARGUMENT...: in the background; sets $server, its process, and $port.
+start_server() {
+    "$server_program" --certificate-store certificates/server "$@" >server.log 2>&1 &
+    server=$!
+    until port=$(sed -n 's/^Listening on 127.0.0.1:\([0-9]*\)$/\1/p' server.log) && [ -n "$port" ]; do
+        kill -0 "$server" 2>/dev/null || { cat server.log >&2 && return 1; }
+        sleep 0.05
+    done
+    echo "$ backup_server --certificate-store certificates/server $* &"
+}
+
+# fails ARGUMENT...: the backup must fail, and the server's replica must be what it was.
+fails() {
+    local status=0
+    show --previous old.img --current new.img --server "127.0.0.1:$port" "$@" >client.log 2>&1 || status=$?
+    grep '^incremental_backup:' client.log
+    [ "$status" -ne 0 ] || { echo "that should have failed" >&2 && return 1; }
+    cmp old.img remote.img
+    echo "Exit status $status; the server's replica is as it was."
+}
 
 step "1. A volume of 256 MiB with real files"
 mkdir -p files/documents files/mail
@@ -68,3 +92,30 @@ echo "The ledger is in the replica, the snapshot's file is not."
 
 step "7. The blocks of a file, in the form that --exclude takes"
 if show --print-extents new.img >extents.txt; then head -n 5 extents.txt; else echo "(this file system tells none)"; fi
+
+step "8. To a server, over TLS, both ends with certificates that were made just now"
+"$make_certificates" certificates
+export SSL_CERT_FILE=$PWD/certificates/certificate.pem # the authority that this machine is to trust
+cp --sparse=always old.img remote.img
+start_server --replica remote.img
+show --previous old.img --current new.img --server "127.0.0.1:$port" --certificate-store certificates/client \
+    --bandwidth 800000000
+cmp new.img remote.img && echo "cmp: the server's replica equals the volume, byte for byte"
+e2fsck -fn remote.img
+cp --sparse=always old.img remote.img
+
+step "9. A client with another authority's certificate"
+"$make_certificates" stranger
+fails --certificate-store stranger/client
+tail -n 1 server.log
+
+step "10. A server that dies half-way"
+disown "$server" # the shell need not tell
+(sleep 1 && kill -KILL "$server") &
+fails --certificate-store certificates/client --bandwidth 40000000
+wait
+
+step "11. A server whose disk is full, for which the file size limit stands in"
+start_server --replica remote.img
+prlimit --pid "$server" --fsize=$((100 << 20))
+fails --certificate-store certificates/client

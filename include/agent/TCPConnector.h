@@ -50,7 +50,8 @@ public:
     /// Opens nothing.
     /// @param host            an IPv4 address with dots, or a name
     /// @param port            in host byte order
-    /// @param connectTimeout  for the connection alone; looking up a name takes as long as it takes
+    /// @param connectTimeout  for the connection alone; looking up a name takes as long as it takes. 0 does not wait, a
+    ///                        negative one waits without limit.
     TCPConnector(const std::string& host, int port, std::chrono::seconds connectTimeout);
     TCPConnector(const TCPConnector&) = delete;
     TCPConnector& operator=(const TCPConnector&) = delete;

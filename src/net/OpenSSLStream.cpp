@@ -54,6 +54,7 @@ std::string orEmpty(const char* text)
 /// Empties the thread's error queue into one line.
 std::string pumpErrorQueueToString()
 {
+    if (ERR_peek_error() == 0) return {}; // a stream for nothing would cost as much as encrypting a kilobyte
     std::ostringstream text;
     text.imbue(std::locale::classic());
     int i = 0;

@@ -33,8 +33,7 @@ std::int64_t creditInBytes(unsigned int bitsPerSecond, std::int64_t milliseconds
     return bytesPerSecond * milliseconds / 1000;
 }
 
-// The rate counts as bytes here and is multiplied by 8 to make bits, which it is: so connections have always been
-// paced.
+// The divisor multiplies by 8 what is in bits already. So connections have always been paced, and so they stay.
 microseconds pauseFor(unsigned int bytes, unsigned int bitsPerSecond)
 {
     const std::int64_t divisor = bitsPerSecond == 0 ? kBitsPerByte : std::int64_t{bitsPerSecond} * kBitsPerByte;

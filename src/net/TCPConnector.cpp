@@ -53,8 +53,9 @@ std::optional<Ret> set(int fd, const Option& option)
 // As long as it takes keepalive to give up; capped, since the option is an int.
 int userTimeoutMilliseconds(int keepIdle, int keepCount, int keepInterval)
 {
-    const std::int64_t milliseconds = (std::int64_t{keepInterval} * keepCount + keepIdle) * 1000;
-    return static_cast<int>(std::min<std::int64_t>(milliseconds, INT32_MAX));
+    constexpr std::int64_t kMostSeconds = INT32_MAX / 1000;
+    const std::int64_t seconds = std::int64_t{keepInterval} * keepCount + keepIdle;
+    return static_cast<int>(std::clamp(seconds, -kMostSeconds, kMostSeconds) * 1000);
 }
 
 } // namespace

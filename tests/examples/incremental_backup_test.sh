@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # Runs the example as a user would, on good and on bad input.
-# usage: incremental_backup_test.sh PROGRAM
+# usage: incremental_backup_test.sh PROGRAM SERVER-PROGRAM MAKE-CERTIFICATES
 set -euo pipefail
-program=$1
+program=$1 server_program=$2 make_certificates=$3
 work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+server=
+trap '[ -z "$server" ] || kill "$server" 2>/dev/null || true; rm -rf "$work"' EXIT
 cd "$work"
 export TMPDIR=$work # where the change bitmap goes
 
@@ -151,6 +152,55 @@ cp old.img full.img
     refuses '"full.img" is incomplete, ' "${images[@]}" --replica full.img
     grep -qE 'incomplete, [0-9]+ of 2[67] changed blocks were written: .*File too large' err || fail "how far it got"
 )
+
+# A server over TLS.
+"$make_certificates" tls
+"$make_certificates" stranger
+export SSL_CERT_FILE=$work/tls/certificate.pem
+start_server() {
+    [ -z "$server" ] || kill "$server"
+    "$server_program" --certificate-store tls/server --replica remote.img >server.log 2>&1 &
+    server=$!
+    for ((i = 0; i < 200; ++i)); do
+        port=$(sed -n 's/^Listening on 127.0.0.1:\([0-9]*\)$/\1/p' server.log)
+        [ -z "$port" ] || break
+        sleep 0.05
+    done
+    remote=(--previous old.img --current new.img --server "127.0.0.1:$port" --certificate-store tls/client)
+}
+keeps_its_replica() {
+    local text=$1
+    shift
+    "$program" "$@" >out 2>err && fail "not refused: $*"
+    grep -qF -- "$text" err out || fail "no \"$text\" for: $*"
+    cmp -s old.img remote.img || fail "the server's replica was touched for: $*"
+}
+
+start_server
+run 0 "${remote[@]}" --bandwidth 4000000000
+grep -q 'has no copy of old.img, so all is sent' out && cmp -s new.img remote.img || fail "a new replica at the server"
+cp old.img remote.img
+run 0 "${remote[@]}" --block-size 512 --report remote.zip
+cmp -s new.img remote.img && ! grep -q 'so all is sent' out || fail "a replica at the server"
+cp old.img remote.img
+run 0 "${remote[@]}" --exclude ranges
+cmp -s <(head -c 4096 old.img) <(head -c 4096 remote.img) || fail "an excluded block was sent"
+cp old.img remote.img
+echo 'no backup at all' | openssl s_client -quiet -connect "127.0.0.1:$port" -cert tls/client/certificate.pem \
+    -key tls/client/private_key.pem >garbage 2>&1 || true
+grep -q 'A client was given up: protocol error: message of type' server.log || fail "garbage"
+keeps_its_replica 'alert unknown ca' "${remote[@]:0:6}" --certificate-store stranger/client
+keeps_its_replica 'certificate verify failed' "${remote[@]:0:4}" --server "localhost:$port" --certificate-store tls/client
+prlimit --pid "$server" --fsize=3000001 # room for the copy
+head -c 5000000 /dev/zero >larger.img
+keeps_its_replica 'the server reports: ftruncate' --previous larger.img --current larger.img "${remote[@]:4}"
+keeps_its_replica 'No such file' "${remote[@]:0:6}" --certificate-store nowhere
+disown "$server" # the shell need not tell
+(sleep 0.5 && kill -KILL "$server") &
+keeps_its_replica 'is as it was, ' "${remote[@]}" --bandwidth 500000
+wait
+refuses 'requires --certificate-store' "${remote[@]:0:6}"
+refuses '"h" is no server of the form host:port' "${remote[@]:0:4}" --server h --certificate-store tls/client
 
 leftovers=$(find . -name 'changes_*')
 [ -z "$leftovers" ] || fail "left behind: $leftovers"

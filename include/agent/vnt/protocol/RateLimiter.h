@@ -37,9 +37,9 @@ public:
 /// Time earns credit, in whole milliseconds and whole bytes, and a piece uses it up. Credit is also earned between
 /// writes, without bound; what one write leaves of it is lost to the next.
 ///
-/// Beware: a turn without credit calls the writer all the same, with 0 bytes, as protocols rely on to keep a connection
-/// alive. Turns are a 64th of the time apart that 4096 bytes take, so such calls come above 512 kbit/s, and above
-/// 512 Mbit/s they come without a pause between them.
+/// Beware: a turn without credit calls the writer all the same, with 0 bytes. Writers have always seen such calls, and
+/// through them can end a wait with an error. Turns are a 64th of the time apart that 4096 bytes take: above 512 kbit/s
+/// empty calls become common, and above 512 Mbit/s there is no pause between them.
 ///
 /// Threads: one at a time. The manager may change its mind from elsewhere if it can stand that.
 class AGENTKIT_API RateLimiter : public IRateLimiter {

@@ -1,0 +1,161 @@
+#include "Support.h"
+#include "agent/transport/ipc/UnixIpcSocket.h"
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+
+bool g_listenFails = false;
+extern "C" AGENTKIT_API int listen(int fd, int backlog) noexcept
+{
+    return static_cast<int>(::syscall(SYS_listen, g_listenFails ? -1 : fd, backlog));
+}
+
+namespace agent::transport::ipc {
+namespace {
+
+using namespace std::chrono_literals;
+using std::chrono::steady_clock;
+using testing::ElementsAre;
+
+// Descriptors that a program started from here would get.
+long inheritedDescriptors()
+{
+    long count = 0;
+    for (int fd = 0; fd < 1024; ++fd) count += ::fcntl(fd, F_GETFD) == 0 ? 1 : 0;
+    return count;
+}
+
+class IpcTest : public testing::Test {
+protected:
+    auto make(EIpcRole role)
+    {
+        return std::make_shared<UnixIpcSocket>(log.logger(), std::wstring(path.begin(), path.end()), role);
+    }
+    auto server() { return make(EIpcRole::Server); }
+    auto client() { return make(EIpcRole::Connection); }
+    std::string received(UnixIpcSocket& socket)
+    {
+        char buffer[64];
+        unsigned int count = 0;
+        return socket.read(buffer, sizeof buffer, count) ? std::string(buffer, count) : "nothing";
+    }
+
+    test::TempDir dir;
+    test::CapturingLogger log;
+    std::string path = dir / "socket";
+};
+
+TEST_F(IpcTest, TalksToAnotherProcessUntilThatEnds)
+{
+    (void)std::signal(SIGPIPE, SIG_DFL);
+    const auto inherited = inheritedDescriptors();
+    const auto listening = server();
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const auto peer = client();
+        const bool isGood = !peer->connected() && peer->connect() && peer->connect() && peer->connected();
+        peer->write("hello");
+        const auto isWelcome = [&] { return received(*peer) == "welcome"; };
+        ::_exit(isGood && (isWelcome() || isWelcome()) ? 0 : 1); // one read may not wait long enough
+    }
+    UnixIpcSocket accepted(listening);
+    EXPECT_FALSE(accepted.connected());
+    EXPECT_TRUE(accepted.connect());
+    EXPECT_EQ(received(accepted), "nothing") << "the peer has let go";
+    EXPECT_FALSE(accepted.connected());
+    EXPECT_TRUE(accepted.connect()) << "and connected anew";
+    EXPECT_EQ(received(accepted), "hello");
+    EXPECT_EQ(inheritedDescriptors(), inherited);
+
+    auto start = steady_clock::now();
+    EXPECT_EQ(received(accepted), "nothing") << "the peer is silent";
+    EXPECT_GE(steady_clock::now() - start, 2900ms);
+    EXPECT_TRUE(accepted.connected());
+    accepted.write("welcome");
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(
+        test::thrownBy([&] { accepted.write("x"); }), test::posix("Failed to write responce to socket : ", EPIPE));
+    accepted.disconnect();
+    accepted.write("goes nowhere");
+    start = steady_clock::now();
+    EXPECT_EQ(received(accepted) + received(*listening), "nothingnothing");
+    EXPECT_LT(steady_clock::now() - start, 1s);
+    EXPECT_TRUE(log.entries().empty());
+}
+
+TEST_F(IpcTest, TheFileIsPrivateAndGoesWithTheServer)
+{
+    dir.file("socket", "in the way");
+    path.resize(300, 'x');
+    const std::string bound = path.substr(0, 107);
+    const mode_t mask = ::umask(0);
+    auto first = server();
+    ::umask(mask);
+    struct stat status {};
+    EXPECT_EQ(::lstat(bound.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode, S_IFSOCK | 0600U);
+    const auto second = server(); // takes the path over
+    EXPECT_TRUE(client()->connect());
+    first.reset();
+    EXPECT_FALSE(std::filesystem::exists(bound));
+    second->disconnect();
+    second->disconnect();
+    EXPECT_THAT(
+        log.lines(), ElementsAre("1 " + std::string(PosixError("Failed to delete ipc socket: ", ENOENT).what())));
+}
+
+TEST_F(IpcTest, FailuresAreToldAndLeakNothing)
+{
+    const std::string noServer = "runtime: Failed to create server connection.";
+    const auto descriptors = test::openDescriptors();
+    {
+        EXPECT_FALSE(client()->connect());
+        g_listenFails = true;
+        EXPECT_EQ(test::thrownBy([&] { server(); }), noServer);
+        g_listenFails = false;
+        EXPECT_FALSE(std::filesystem::exists(path));
+        const auto listening = server();
+        EXPECT_FALSE(listening->connect());
+        EXPECT_TRUE(listening->connected()) << "has no peer, but is one";
+        const auto peer = client();
+        EXPECT_TRUE(peer->connect());
+        UnixIpcSocket accepted(listening);
+        rlimit limit{};
+        ::getrlimit(RLIMIT_NOFILE, &limit);
+        const rlimit none{0, limit.rlim_max};
+        ::setrlimit(RLIMIT_NOFILE, &none);
+        EXPECT_EQ(test::thrownBy([&] { server(); }), noServer);
+        EXPECT_FALSE(client()->connect());
+        EXPECT_FALSE(accepted.connect());
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+        EXPECT_TRUE(accepted.connect()) << "still in the queue";
+        path = dir / "missing/socket";
+        EXPECT_EQ(test::thrownBy([&] { server(); }), noServer);
+    }
+    EXPECT_EQ(test::openDescriptors(), descriptors);
+    EXPECT_THAT(log.lines(),
+        ElementsAre("1 Failed to connect client unix socket.", "1 Failed to listen socket.", "1 Invalid socket role",
+            "1 Failed to create server unix socket.", "1 Failed to create client unix socket.",
+            "1 " + std::string(PosixError("Failed to accept connection.", EMFILE).what()), "1 Failed to bind socket."));
+
+    const auto accept = [](const std::shared_ptr<UnixIpcSocket>& from) {
+        return test::thrownBy([&] { const UnixIpcSocket made(from); });
+    };
+    EXPECT_EQ(accept(nullptr), "invalid argument: Must provide a valid server socket.");
+    EXPECT_EQ(accept(client()), "invalid argument: Socket should be configured as server.");
+    for (const std::string& bad : {std::string(), std::string("a\0b", 3)}) {
+        path = bad;
+        EXPECT_EQ(test::thrownBy([&] { client(); }), "invalid argument: Must provide a proper socket path.");
+    }
+}
+
+} // namespace
+} // namespace agent::transport::ipc

@@ -8,6 +8,7 @@
 #include <poll.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <future>
@@ -115,6 +116,7 @@ class TlsVersions : public TlsTest, public testing::WithParamInterface<std::pair
 
 TEST_P(TlsVersions, CarryDataBothWays)
 {
+    constexpr std::size_t kPiece = 100'000;
     const auto data = pattern(std::size_t{64} << 20);
     bool isSame = false;
     const TcpServer server(tls(
@@ -124,7 +126,8 @@ TEST_P(TlsVersions, CarryDataBothWays)
                 if (SSL_read_ex(ssl, received.data() + done, received.size() - done, &count) != 1) return;
             isSame = received == data;
             for (std::size_t done = 0, count = 0; done < received.size(); done += count)
-                if (SSL_write_ex(ssl, received.data() + done, 100'000, &count) != 1) return;
+                if (SSL_write_ex(ssl, received.data() + done, std::min(received.size() - done, kPiece), &count) != 1)
+                    return;
         },
         GetParam().first));
     {

@@ -69,7 +69,7 @@ protected:
 
     std::function<void(int)> tls(std::function<void(SSL*)> serve, int version = 0) const
     {
-        return test::tls({m_server, m_authority, version}, std::move(serve));
+        return test::tls({m_server, &m_authority, version}, std::move(serve));
     }
 
     /// A stream to the server over a socket of its own.
@@ -180,7 +180,7 @@ TEST_F(TlsTest, KnowsWhomToTrust)
          }) {
         const Identity identity({.names = names, .validUntil = validUntil}, issuer);
         std::string sentName;
-        const TcpServer server(test::tls({identity, m_authority}, [&](SSL* ssl) {
+        const TcpServer server(test::tls({identity, &m_authority}, [&](SSL* ssl) {
             if (const char* const name = SSL_get_servername(ssl, TLSEXT_NAMETYPE_host_name)) sentName = name;
             (void)SSL_read(ssl, &sentName, 0);
         }));
@@ -290,7 +290,7 @@ TEST_F(TlsTest, TellsWhatKeepsItFromConnecting)
 TEST_F(TlsTest, RefusesOldProtocolsAndServersThatRefuseIt)
 {
     const TcpServer old([&](int fd) {
-        const test::TlsServerOptions options{m_server, m_authority, TLS1_1_VERSION, "ALL:@SECLEVEL=0"};
+        const test::TlsServerOptions options{m_server, &m_authority, TLS1_1_VERSION, "ALL:@SECLEVEL=0"};
         test::tls(options, [](SSL*) {})(fd);
     });
     EXPECT_THAT(failureWith(old), StartsWith("posix: Error on ssl connect: "));

@@ -22,16 +22,20 @@ namespace {
 constexpr mode_t kOwnerOnly = 0600;
 
 /// Makes sure that a file is there, and is nobody's but its owner's, before a secret is written to it. What is no
-/// regular file keeps its mode: it might be /dev/null. A file that cannot be opened is left to the writer to report.
+/// regular file keeps its mode: it might be /dev/null.
 void restrictToOwner(const Path& path)
 {
     const UniqueFd fd = io::open(path, O_WRONLY | O_CREAT | O_NONBLOCK, kOwnerOnly);
-    struct stat64 status {};
-    if (!fd.isOpen() || ::fstat64(fd.get(), &status) != 0 || !S_ISREG(status.st_mode)) return;
-    if (::fchmod(fd.get(), kOwnerOnly) != 0) {
+    if (!fd.isOpen()) {
+        // Not left to the writer: where this failed for the moment only, it would make a file that all can read.
         const int error = errno;
-        throw PosixError(io::failed("fchmod", path), error);
+        throw PosixError("Failed to open: " + path.u8string(), error);
     }
+    struct stat64 status {};
+    const bool isKnown = ::fstat64(fd.get(), &status) == 0;
+    if (isKnown && (!S_ISREG(status.st_mode) || ::fchmod(fd.get(), kOwnerOnly) == 0)) return;
+    const int error = errno;
+    throw PosixError(io::failed(isKnown ? "fchmod" : "fstat64", path), error);
 }
 
 void removeIfThere(const Path& path)

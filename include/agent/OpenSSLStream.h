@@ -35,6 +35,8 @@ public:
 /// The client's end of a TLS connection. The order of its virtual functions is part of the binary interface.
 class AGENTKIT_API ISSLClient : public virtual ISSLStream {
 public:
+    ~ISSLClient() override;
+
     virtual void connect() = 0;
 };
 

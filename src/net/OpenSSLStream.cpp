@@ -180,6 +180,8 @@ void OpenSSLStream::Free::operator()(SSL* connection) const noexcept
 
 ISSLStream::~ISSLStream() = default;
 
+ISSLClient::~ISSLClient() = default;
+
 OpenSSLStream::OpenSSLStream(Logger& logger, std::shared_ptr<ITCPConnector> connector,
     std::shared_ptr<ISSLCertificateStore> store, std::chrono::seconds timeout)
     : m_logger(logger)

@@ -25,7 +25,7 @@ namespace {
 using agent::vnt::SocketIo;
 using ::vnt::common::Ret;
 
-constexpr std::size_t kTurn = 4 * 1'048'576; // bytes an iteration
+constexpr std::size_t kTurn = 4'194'304;     // bytes an iteration
 constexpr unsigned int kLargest = 1'048'576; // bytes of a piece
 constexpr std::chrono::seconds kTimeout{30};
 

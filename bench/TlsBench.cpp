@@ -202,7 +202,7 @@ void transfer(benchmark::State& state, Direction direction, std::size_t piece)
     constexpr bool isPlain = std::is_same_v<End, TcpEnd>;
     const agent::test::TcpServer server(
         isPlain ? std::function<void(int)>([=](int fd) { servePlainly(fd, direction); })
-                : agent::test::tls({pki().server, pki().authority}, [=](SSL* ssl) { serveTls(ssl, direction); }));
+                : agent::test::tls({pki().server, &pki().authority}, [=](SSL* ssl) { serveTls(ssl, direction); }));
     const auto connector = std::make_shared<agent::TCPConnector>("127.0.0.1", server.port(), kTimeout);
     require(connector->connect().code == 0);
     End end(connector);

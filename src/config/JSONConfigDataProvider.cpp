@@ -2,6 +2,7 @@
 
 #include "config/StorableJson.h"
 #include "core/Io.h"
+#include "core/OutsideJson.h"
 #include "core/ReplaceFile.h"
 
 #include "agent/PosixError.h"
@@ -54,19 +55,15 @@ std::optional<std::string> contentOf(const Path& path)
 // The reasons tell places, not content: a configuration may hold secrets.
 json parse(const Path& path, const std::string& text)
 {
-    const auto refuseDepth = [&](int depth, json::parse_event_t event, json&) {
-        const bool begins = event == json::parse_event_t::object_start || event == json::parse_event_t::array_start;
-        if (begins && depth >= kMostJsonLevels)
-            refuse(path, "nests deeper than " + std::to_string(kMostJsonLevels) + " levels");
-        return true;
-    };
     json document;
     try {
-        document = json::parse(text, refuseDepth);
+        document = parseOutsideJson(text);
     } catch (const json::parse_error& e) {
         refuse(path, "is not valid JSON at byte " + std::to_string(e.byte));
     } catch (const json::out_of_range&) {
         refuse(path, "has a number that is out of range");
+    } catch (const std::runtime_error& e) {
+        refuse(path, e.what());
     }
     if (!document.is_object()) refuse(path, std::string("is no JSON object but ") + document.type_name());
     return document;

@@ -6,9 +6,6 @@
 
 namespace agent {
 
-/// Documents that nest deeper are refused: the JSON library recurses when it copies, compares and prints.
-constexpr int kMostJsonLevels = 512;
-
 /// Call it before anything is done with a document of others.
 /// @param what  begins the message
 /// @throws std::runtime_error  if the document nests deeper than kMostJsonLevels, or holds a value that would be

@@ -187,9 +187,10 @@ TEST(PortRotator, CyclesWithThePreferredPortFirst)
 {
     PortRotator ports({1, 2, 3});
     std::vector<unsigned int> seen;
-    for (const unsigned int preferred : {0, 0, 0, 0, 2, 2, 2, 2, 2, 9, 9, 9, 9, 9, 0, 0, 0}) // at last 0 is new
+    for (const unsigned int preferred :
+        {0U, 0U, 0U, 0U, 2U, 2U, 2U, 2U, 2U, 9U, 9U, 9U, 9U, 9U, 0U, 0U}) // at last 0 is new
         seen.push_back(ports.getPort(preferred));
-    EXPECT_THAT(seen, testing::ElementsAre(1, 2, 3, 1, 2, 1, 3, 2, 1, 9, 1, 2, 3, 9, 0, 1, 2));
+    EXPECT_THAT(seen, testing::ElementsAre(1, 2, 3, 1, 2, 1, 3, 2, 1, 9, 1, 2, 3, 9, 0, 1));
 }
 
 } // namespace

@@ -10,6 +10,7 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -80,7 +81,7 @@ protected:
 
     std::function<void(int)> tls(std::function<void(SSL*)> serve, int version = 0) const
     {
-        return test::tls({m_server, m_authority, version}, std::move(serve));
+        return test::tls({m_server, &m_authority, version}, std::move(serve));
     }
 
     /// A stream to the server over a socket of its own.
@@ -127,6 +128,7 @@ class TlsVersions : public TlsTest, public testing::WithParamInterface<std::pair
 
 TEST_P(TlsVersions, CarryDataBothWays)
 {
+    constexpr std::size_t kPiece = 100'000;
     const auto data = pattern(std::size_t{64} << 20);
     const TcpServer server(tls(
         [&](SSL* ssl) {
@@ -134,7 +136,8 @@ TEST_P(TlsVersions, CarryDataBothWays)
             for (std::size_t done = 0, count = 0; done < received.size(); done += count)
                 if (SSL_read_ex(ssl, received.data() + done, received.size() - done, &count) != 1) return;
             for (std::size_t done = 0, count = 0; done < received.size(); done += count)
-                if (SSL_write_ex(ssl, received.data() + done, 100'000, &count) != 1) return;
+                if (SSL_write_ex(ssl, received.data() + done, std::min(received.size() - done, kPiece), &count) != 1)
+                    return;
         },
         GetParam().first));
     {
@@ -178,8 +181,9 @@ TEST_F(TlsTest, KnowsWhomToTrust)
              Case{"expired", "DNS:" + kHost, kHost, &m_authority, -60, false},
          }) {
         const Identity identity({.names = names, .validUntil = validUntil}, issuer);
-        const TcpServer server(test::tls({identity, m_authority},
-            [host](SSL* ssl) { EXPECT_STREQ(SSL_get_servername(ssl, TLSEXT_NAMETYPE_host_name), host.c_str()); }));
+        const TcpServer server(test::tls({identity, &m_authority}, [name = host](SSL* ssl) {
+            EXPECT_STREQ(SSL_get_servername(ssl, TLSEXT_NAMETYPE_host_name), name.c_str());
+        }));
         const std::string thrown = failureWith(server, 5s, host);
         if (isTrusted) {
             EXPECT_EQ(thrown, "nothing") << why;
@@ -271,7 +275,7 @@ TEST_F(TlsTest, TellsWhatKeepsItFromConnecting)
 TEST_F(TlsTest, RefusesOldProtocolsAndServersThatRefuseIt)
 {
     const TcpServer old([&](int fd) {
-        const test::TlsServerOptions options{m_server, m_authority, TLS1_1_VERSION, "ALL:@SECLEVEL=0"};
+        const test::TlsServerOptions options{m_server, &m_authority, TLS1_1_VERSION, "ALL:@SECLEVEL=0"};
         test::tls(options, [](SSL*) {})(fd);
     });
     EXPECT_THAT(failureWith(old), StartsWith("posix: Error on ssl connect: "));

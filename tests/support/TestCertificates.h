@@ -135,8 +135,8 @@ private:
 
 struct TlsServerOptions {
     const Identity& identity;
-    const Identity& clientAuthority; ///< clients have to show a certificate of it
-    int version = 0;                 ///< the only one spoken; 0: all
+    const Identity* clientAuthority = nullptr; ///< clients have to show a certificate of it; null: none need one
+    int version = 0;                           ///< the only one spoken; 0: all
     const char* ciphers = nullptr;
 };
 
@@ -146,8 +146,10 @@ inline std::function<void(int)> tls(const TlsServerOptions& options, std::functi
     const std::shared_ptr<SSL_CTX> context(SSL_CTX_new(TLS_server_method()), SSL_CTX_free);
     SSL_CTX_use_certificate(context.get(), options.identity.x509());
     SSL_CTX_use_PrivateKey(context.get(), options.identity.key());
-    X509_STORE_add_cert(SSL_CTX_get_cert_store(context.get()), options.clientAuthority.x509());
-    SSL_CTX_set_verify(context.get(), SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
+    if (options.clientAuthority != nullptr) {
+        X509_STORE_add_cert(SSL_CTX_get_cert_store(context.get()), options.clientAuthority->x509());
+        SSL_CTX_set_verify(context.get(), SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
+    }
     SSL_CTX_set_min_proto_version(context.get(), options.version);
     SSL_CTX_set_max_proto_version(context.get(), options.version);
     if (options.ciphers != nullptr) SSL_CTX_set_cipher_list(context.get(), options.ciphers);

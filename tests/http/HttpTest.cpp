@@ -1,0 +1,282 @@
+#include "Support.h"
+#include "TestCertificates.h"
+#include "agent/CURLError.h"
+#include "agent/CurlHelper.h"
+
+namespace agent {
+namespace {
+
+using namespace std::chrono_literals;
+using nlohmann::json;
+using test::Identity;
+using test::TcpServer;
+using test::thrownBy;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::StartsWith;
+
+struct SwitchConfig : IConfig {
+    void getValue(const std::string& key, bool& value) const override { value = key == "trace.http" && isVerbose; }
+    void getValue(const std::string& /*key*/, unsigned long& /*value*/) const override {}
+    void getValue(const std::string& /*key*/, std::string& /*value*/) const override {}
+    std::string getJSON() const override { return {}; }
+    void setJSON(json /*document*/, bool /*replace*/) override {}
+    bool isVerbose = false;
+};
+
+// One request, as it comes: all of its headers, and as much of a body as they tell of.
+std::string readRequest(const std::function<int(char*, int)>& read)
+{
+    std::string request;
+    std::size_t wanted = std::string::npos;
+    char buffer[1000];
+    while (request.size() < wanted) {
+        const int count = read(buffer, sizeof buffer);
+        if (count <= 0) break;
+        request.append(buffer, static_cast<std::size_t>(count));
+        const auto end = request.find("\r\n\r\n");
+        if (end == std::string::npos) continue;
+        const auto length = request.find("Content-Length: ");
+        wanted = end + 4 + (length < end ? std::stoul(request.substr(length + 16)) : 0);
+    }
+    return request;
+}
+
+class HttpTest : public testing::Test {
+protected:
+    static void SetUpTestSuite() { EXPECT_EQ(CurlHelper::Setup(), CURLE_OK); }
+    static void TearDownTestSuite() { CurlHelper::Cleanup(); }
+
+    // What a server has to do to give one answer; the request is in m_request then.
+    std::function<void(int)> plain(const std::string& answer)
+    {
+        return [this, answer](int fd) {
+            m_request = readRequest([=](char* data, int size) {
+                return static_cast<int>(::read(fd, data, static_cast<std::size_t>(size)));
+            });
+            (void)::send(fd, answer.data(), answer.size(), MSG_NOSIGNAL);
+        };
+    }
+    std::function<void(int)> overTls(const test::TlsServerOptions& options)
+    {
+        return test::tls(options, [this](SSL* ssl) {
+            m_request = readRequest([=](char* data, int size) { return SSL_read(ssl, data, size); });
+            (void)SSL_write(ssl, kAnswer.data(), static_cast<int>(kAnswer.size()));
+            (void)SSL_shutdown(ssl);
+        });
+    }
+    std::string url(const TcpServer& server, const std::string& scheme = "http") const
+    {
+        return scheme + "://127.0.0.1:" + std::to_string(server.port()) + "/p?q=1";
+    }
+    CurlHelper http(bool verifyCertificates = true, bool failOnError = true) const
+    {
+        return {m_config, verifyCertificates, failOnError, "trace.http", [](std::string& user, std::string& password) {
+                    user = "user";
+                    password = "secret";
+                }};
+    }
+    // The code of the CURLError that an action throws; 0 if it throws none.
+    static int curlCodeOf(const std::function<void()>& action)
+    {
+        try {
+            action();
+        } catch (const CURLError& e) {
+            return e.code();
+        }
+        return 0;
+    }
+    long get(const CurlHelper& helper, const std::string& where, std::chrono::seconds timeout = 5s)
+    {
+        m_response = "from before";
+        return helper.getRequest(where, m_response, m_log.logger(), {}, timeout);
+    }
+
+    const std::string kAnswer = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
+    test::CapturingLogger m_log;
+    test::TempDir m_dir;
+    SwitchConfig m_config;
+    std::string m_request;
+    std::string m_response;
+};
+
+TEST_F(HttpTest, SendsExactlyWhatIsDocumented)
+{
+    const std::string basic = "Authorization: Basic dXNlcjpzZWNyZXQ=\r\n";
+    const auto noCertificate = [](Path&, Path&) {};
+    const std::string binary("\0\xff{", 3);
+    struct Case {
+        std::string method;
+        std::string authorization;
+        std::string body;
+        std::function<long(const CurlHelper&, const std::string& url)> send;
+    };
+    const std::vector<std::string> extra = {"X-First: 1", "X-Second: 2"};
+    info::Logger& log = m_log.logger();
+    const json body = {{"key", "value"}};
+    std::string& out = m_response;
+    for (const Case& c :
+        std::vector<Case>{
+            {"GET", "", "", [&](auto&h, auto&u) { return h.getRequest(u, out, log, {}, 5s); }},
+            {"POST", "", body.dump(), [&](auto&h, auto&u) { return h.postRequest(u, body, out, log, 0s); }},
+            {"PUT", "", body.dump(), [&](auto&h, auto&u) { return h.putRequest(u, body, out, log, -1s); }},
+            {"GET", basic, "",
+                [&](auto&h, auto&u) { return h.getRequestWithBasicAuth(u, out, log, noCertificate, extra, 5s); }},
+            {"POST", basic, body.dump(),
+                [&](auto&h, auto&u) {
+                    return h.postRequestWithBasicAuth(u, body, out, log, noCertificate, extra, 5s);
+                }},
+            {"PUT", basic, body.dump(),
+                [&](auto&h, auto&u) { return h.putRequestWithBasicAuth(u, body, out, log, noCertificate, extra, 5s); }},
+            {"POST", basic, binary,
+                [&](auto&h, auto&u) {
+                    return h.postRequestBinaryWithBasicAuth(u, binary, out, log, noCertificate, extra, 5s);
+                }},
+        }) {
+        out = "from before";
+        const TcpServer server(plain(kAnswer));
+        EXPECT_EQ(c.send(http(), url(server)), 200);
+        EXPECT_EQ(out, "ok");
+        const std::string length = c.body.empty() ? "" : "Content-Length: " + std::to_string(c.body.size()) + "\r\n";
+        const auto date = m_request.find("Date: ");
+        ASSERT_NE(date, std::string::npos);
+        EXPECT_EQ(m_request.substr(0, date),
+            c.method + " /p?q=1 HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(server.port()) + "\r\n" +
+                c.authorization + "Content-Type: application/json\r\nAccept: application/json\r\ncharsets: utf-8\r\n");
+        EXPECT_THAT(m_request.substr(date, 37),
+            MatchesRegex("Date: [MTWFS][a-z]{2}, [0-9]{2} [JFMASOND][a-z]{2} [0-9]{4} [0-9:]{8} \\+0000"));
+        EXPECT_EQ(m_request.substr(date + 37), std::string("\r\n") +
+                                                   (c.authorization.empty() ? "" : "X-First: 1\r\nX-Second: 2\r\n") +
+                                                   length + "\r\n" + c.body);
+    }
+    EXPECT_THAT(m_log.lines(), ElementsAre()) << "not traced";
+}
+
+TEST_F(HttpTest, FailsWithLibcurlsCode)
+{
+    const std::string missing = "HTTP/1.1 404 Not Found\r\nContent-Length: 4\r\n\r\ngone";
+    {
+        const TcpServer server(plain(missing));
+        EXPECT_EQ(get(http(true, false), url(server)), 404) << "the caller's to judge";
+        EXPECT_EQ(m_response, "gone");
+    }
+    struct Case {
+        const char* why;
+        std::string answer;
+        int code;
+        std::string response;
+    };
+    for (const Case& c : {
+             Case{"a status", missing, CURLE_HTTP_RETURNED_ERROR, ""},
+             Case{"cut off", "HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nhalf", CURLE_PARTIAL_FILE, "half"},
+             Case{"no answer", "", CURLE_GOT_NOTHING, ""},
+             Case{"garbage", std::string(100, '\0'), CURLE_UNSUPPORTED_PROTOCOL, ""},
+         }) {
+        const TcpServer server(plain(c.answer));
+        EXPECT_EQ(curlCodeOf([&] { get(http(), url(server)); }), c.code) << c.why;
+        EXPECT_EQ(m_response, c.response) << c.why;
+    }
+    const TcpServer silent([](int fd) {
+        char byte = 0;
+        while (::read(fd, &byte, 1) > 0) continue;
+    });
+    EXPECT_EQ(curlCodeOf([&] { get(http(), url(silent), 1s); }), CURLE_OPERATION_TIMEDOUT);
+    EXPECT_EQ(thrownBy([&] { get(http(), "http://127.0.0.1:1/"); }),
+        std::string("runtime: ") + CURLError("Curl error", CURLE_COULDNT_CONNECT).what());
+
+    const CurlHelper nobody(m_config, true, true, "", {});
+    m_response = "from before";
+    EXPECT_THROW(
+        nobody.getRequestWithBasicAuth("http://h", m_response, m_log.logger(), {}, {}, 1s), std::bad_function_call);
+    EXPECT_EQ(m_response, "") << "emptied first";
+}
+
+TEST_F(HttpTest, ChecksServersAndShowsItself)
+{
+    const Identity authority(test::CertificateSpec{.subject = {{"CN", "Authority"}}});
+    const Identity client({.subject = {{"CN", "42"}}}, &authority);
+    const Identity selfSigned(test::CertificateSpec{.names = "IP:127.0.0.1"});
+    const auto attempt = [&](CurlHelper helper, bool verify) {
+        const TcpServer server(overTls({selfSigned, nullptr}));
+        helper.setCertificateVerification(verify);
+        return curlCodeOf([&] { get(helper, url(server, "https")); });
+    };
+    EXPECT_EQ(attempt(http(false), true), CURLE_PEER_FAILED_VERIFICATION);
+    EXPECT_EQ(attempt(http(true), false), 0);
+    EXPECT_EQ(m_response, "ok");
+
+    const TcpServer server(overTls({selfSigned, &authority}));
+    const Path certificate = m_dir.file("certificate", client.pem());
+    const Path key = m_dir.file("key", client.keyPem());
+    EXPECT_EQ(http(false).getRequestWithBasicAuth(
+                  url(server, "https"), m_response, m_log.logger(),
+                  [&](Path& first, Path& second) {
+                      first = certificate;
+                      second = key;
+                  },
+                  {}, 5s),
+        200);
+}
+
+TEST_F(HttpTest, TracesTextsButNoSecrets)
+{
+    m_config.isVerbose = true;
+    const TcpServer server(plain("HTTP/1.1 200 OK\r\nContent-Length: 6\r\n\r\nanswer"));
+    (void)http().postRequestWithBasicAuth(
+        url(server), json("request"), m_response, m_log.logger(), [](Path&, Path&) {}, {"Cookie: sweet"}, 5s);
+    ASSERT_FALSE(m_log.lines().empty());
+    for (const std::string& line : m_log.lines()) EXPECT_THAT(line, StartsWith("3 CURLINFO_TEXT: "));
+    for (const char* const secret : {"secret", "dXNlcjpzZWNyZXQ=", "answer", "request", "sweet"})
+        for (const std::string& line : m_log.lines()) EXPECT_THAT(line, testing::Not(HasSubstr(secret)));
+
+    struct Case {
+        int type;
+        std::string text;
+        std::string line; // empty: none
+    };
+    const std::string full(512, 'x');
+    for (const auto& [type, text, line] :
+        {
+            Case{0, full + "\n", "CURLINFO_TEXT: " + full},
+            Case{0, full + "y", "CURLINFO_TEXT: " + full + "... <truncated remaining 1B>"},
+            Case{0, full.substr(1) + "\x01zz", "CURLINFO_TEXT: " + full.substr(1) + "<01>... <truncated remaining 2B>"},
+            Case{0, "a\tb\n\n", "CURLINFO_TEXT: a\tb\n"},
+            Case{0, "\xc3\x7f", "CURLINFO_TEXT: <c3><7f>"},
+            Case{7, "new", "Unknown curlinfo_type (7): new"},
+            Case{0, "h2h3 [Proxy-Authorization: Basic abc]\nnext",
+                "CURLINFO_TEXT: h2h3 [Proxy-Authorization: <redacted>\nnext"},
+            Case{0, "[cookie:a] [authorization: b]", "CURLINFO_TEXT: [cookie: <redacted>"},
+            Case{1, "header", ""},
+            Case{4, "data", ""},
+            Case{6, "tls", ""},
+        }) {
+        const std::size_t before = m_log.lines().size();
+        std::string data = text;
+        using Resources = CurlHelper::CurlAndHeaders;
+        EXPECT_EQ(Resources::log_callback(nullptr, curl_infotype(type), data.data(), data.size(), &m_log.logger()), 0);
+        EXPECT_EQ(m_log.lines().size() - before, line.empty() ? 0U : 1U) << text;
+        EXPECT_TRUE(line.empty() || m_log.entries().back().text == line + "\n") << line;
+    }
+}
+
+TEST_F(HttpTest, Downloads)
+{
+    const Path target = m_dir.file("file", "longer than that");
+    {
+        const TcpServer server(plain(kAnswer));
+        http().downloadFile(url(server), target, m_log.logger());
+        EXPECT_EQ(test::contentOf(target.u8string()), "oknger than that") << "not truncated";
+    }
+    const TcpServer server(plain(kAnswer));
+    EXPECT_EQ(curlCodeOf([&] { http().downloadFile(url(server), "/dev/full", m_log.logger()); }), CURLE_WRITE_ERROR);
+    EXPECT_EQ(thrownBy([&] { http().downloadFile("http://h", m_dir / "no/file", m_log.logger()); }),
+        test::posix("Failed to open file " + (m_dir / "no/file"), ENOENT));
+    EXPECT_EQ(CurlHelper::writeDataCallback(nullptr, 1, 1, &m_response), 0U);
+    EXPECT_EQ(CurlHelper::writeFileCallback(m_response.data(), 1, 1, nullptr), 0U);
+    EXPECT_THAT(CurlHelper::getVersionInfo(),
+        MatchesRegex("libcurl: [0-9.]+.*, SSL: .*, libz: [0-9.]+, Features: SSL HTTP2.*"));
+}
+
+} // namespace
+} // namespace agent

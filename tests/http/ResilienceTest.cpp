@@ -1,0 +1,202 @@
+#include "FakeClock.h"
+#include "Support.h"
+#include "agent/CircuitBreaker.h"
+#include "agent/MeterMetric.h"
+#include "agent/RetryMethod.h"
+
+#include <cmath>
+#include <set>
+#include <thread>
+
+namespace agent {
+namespace {
+
+using namespace std::chrono_literals;
+using Status = IRetryMethod::RetriableFuncStatus;
+using std::chrono::nanoseconds;
+using test::thrownBy;
+using testing::ElementsAre;
+
+class ResilienceTest : public testing::Test {
+protected:
+    test::CapturingLogger m_log;
+    test::FakeClock m_clock;
+};
+
+TEST_F(ResilienceTest, TheBreakerRefusesUntilItsTimeIsOver)
+{
+    CircuitBreaker breaker(m_log.logger(), 2, 3000);
+    int calls = 0;
+    const auto call = [&](bool works) {
+        return thrownBy([&] {
+            breaker.execute([&] {
+                ++calls;
+                if (!works) throw std::logic_error("down");
+            });
+        });
+    };
+    EXPECT_EQ(call(false), "logic: down");
+    EXPECT_EQ(breaker.getConnectionState(), CircuitBreaker::CLOSED) << "one below the threshold";
+    EXPECT_THROW(breaker.execute({}), std::bad_function_call) << "a failure like any other";
+    m_clock.now += 3000ms;
+    EXPECT_THROW(breaker.execute([&] { ++calls; }), CircuitBreakerOpenError) << "not yet over";
+    EXPECT_EQ(call(true), "runtime: error: breaker was opened 3000 ms ago.") << "and not prolonged";
+    m_clock.now += 1ms;
+    EXPECT_EQ(breaker.getConnectionState(), CircuitBreaker::HALF_OPEN);
+    EXPECT_EQ(call(false), "logic: down") << "a trial";
+    EXPECT_EQ(call(true), "runtime: error: breaker was opened 0 ms ago.");
+    m_clock.now += 3001ms;
+    EXPECT_EQ(call(true) + call(true), "nothingnothing");
+    EXPECT_EQ(calls, 4);
+    EXPECT_THAT(m_log.lines(),
+        ElementsAre("3 circuit breaker error: failure_count: 1", "3 circuit breaker error: failure_count: 2",
+            "3 circuit breaker state changed: state: OPEN", "3 circuit breaker state changed: state: HALF_OPEN",
+            "3 circuit breaker error: failure_count: 3", "3 circuit breaker state changed: state: OPEN",
+            "3 circuit breaker state changed: state: HALF_OPEN", "3 circuit breaker state changed: state: CLOSED"));
+
+    CircuitBreaker never(m_log.logger(), 0, 3000);
+    EXPECT_EQ(never.getConnectionState(), CircuitBreaker::HALF_OPEN) << "counted from the clock's zero";
+    EXPECT_EQ(
+        thrownBy([] { to_string(CircuitBreaker::ConnectionState(3)); }), "logic: missing enum to string conversion: 3");
+}
+
+constexpr unsigned long kMost = ~0UL;
+
+TEST_F(ResilienceTest, RetriesAsLongAsItIsWorthIt)
+{
+    using Regular = RegularIntervalRetry;
+    const auto backoff = [](unsigned long first, unsigned long budget, unsigned long cap, double multiplier) {
+        return [=](info::Logger& logger) {
+            return std::make_unique<TruncatedExponentialBackoffRetry>(logger, first, budget, cap, 0, multiplier);
+        };
+    };
+    struct Case {
+        const char* why;
+        std::function<std::unique_ptr<IRetryMethod>(info::Logger&)> make;
+        std::vector<Status> answers; // the last one is repeated
+        std::size_t calls;
+        std::vector<nanoseconds> sleeps;
+        std::vector<std::string> lines; // the last ones
+    };
+    const auto regular = [](unsigned long interval, unsigned long retries) {
+        return [=](info::Logger& logger) { return std::make_unique<Regular>(logger, interval, retries, 0); };
+    };
+    const std::string again = "3 regular interval retry method retrying func after interval: ";
+    const std::string giveUp = " ms, giving up.";
+    for (const Case& c : {
+             Case{"at once", regular(1500, 3), {Status::Success}, 1, {}, {}},
+             Case{"to its last retry", regular(1500, 2), {Status::Retry}, 3, {1500ms, 1500ms},
+                 {again + "1500, total retry time: 1500", again + "1500, total retry time: 3000",
+                     "3 regular interval retry method exceeded retry count of 2"}},
+             Case{"no retries", regular(5, 0), {Status(7)}, 1, {},
+                 {"3 regular interval retry method exceeded retry count of 0"}},
+             Case{"no wait, which is logged too", regular(0, 9), {Status::Retry, Status::Success}, 2, {},
+                 {again + "0, total retry time: 0"}},
+             Case{"for good", regular(5, 9), {Status::Failure}, 1, {},
+                 {"3 regular interval retry method received failure from func"}},
+             Case{"truncated to integers, then capped", backoff(500, kMost, 2000, 1.5),
+                 {Status::Retry, Status::Retry, Status::Retry, Status::Retry, Status::Retry, Status::Failure}, 6,
+                 {500ms, 750ms, 1125ms, 1687ms, 2000ms},
+                 {"3 current retry interval: 2000 ms, total time spent trying so far: 6062 ms.",
+                     "3 retry logic received a failure status, giving up."}},
+             Case{"the first wait is not capped", backoff(50, 59, 10, 1.5), {Status::Retry}, 2, {50ms},
+                 {"3 current retry interval: 10 ms, total time spent trying so far: 50 ms.",
+                     "3 exceeded retry time of 59" + giveUp}},
+             Case{"the budget may be used up", backoff(30, 60, 30, 1), {Status::Retry}, 3, {30ms, 30ms},
+                 {"3 exceeded retry time of 60" + giveUp}},
+             Case{"no budget, no sleep", backoff(1, 0, 9, 2), {Status::Retry}, 1, {},
+                 {"3 exceeded retry time of 0" + giveUp}},
+             Case{"growth beyond all bounds", backoff(7, 100, kMost, 1e300), {Status::Retry}, 2, {7ms},
+                 {"3 current retry interval: 18446744073709551615 ms, total time spent trying so far: 7 ms.",
+                     "3 exceeded retry time of 100" + giveUp}},
+             Case{"growth below zero", backoff(7, 100, 50, -2), {Status::Retry, Status::Retry, Status::Success}, 3,
+                 {7ms}, {"3 current retry interval: 0 ms, total time spent trying so far: 7 ms."}},
+         }) {
+        m_clock.sleeps.clear();
+        const auto before = static_cast<std::ptrdiff_t>(m_log.lines().size());
+        const auto method = c.make(m_log.logger());
+        std::size_t calls = 0;
+        EXPECT_EQ(method->callWithRetry([&] { return c.answers[std::min(calls++, c.answers.size() - 1)]; }),
+            c.answers.back() == Status::Success)
+            << c.why;
+        EXPECT_EQ(calls, c.calls) << c.why;
+        EXPECT_EQ(m_clock.sleeps, c.sleeps) << c.why;
+        const auto lines = m_log.lines();
+        ASSERT_GE(lines.size() - static_cast<std::size_t>(before), c.lines.size()) << c.why;
+        EXPECT_EQ(std::vector(lines.end() - static_cast<std::ptrdiff_t>(c.lines.size()), lines.end()), c.lines)
+            << c.why;
+    }
+}
+
+TEST_F(ResilienceTest, WaitsInFullAndWithJitter)
+{
+    m_clock.interruptions = 1;
+    RegularIntervalRetry interrupted(m_log.logger(), 500, 1, 0);
+    int calls = 0;
+    EXPECT_TRUE(interrupted.callWithRetry([&] { return ++calls < 2 ? Status::Retry : Status::Success; }));
+    EXPECT_THAT(m_clock.sleeps, ElementsAre(500ms, 250ms)) << "the rest of it";
+
+    for (const bool isRegular : {true, false}) {
+        m_clock.sleeps.clear();
+        const std::unique_ptr<IRetryMethod> method =
+            isRegular ? std::unique_ptr<IRetryMethod>(new RegularIntervalRetry(m_log.logger(), 10, 300, 2))
+                      : std::make_unique<TruncatedExponentialBackoffRetry>(m_log.logger(), 10, 3600, 10, 2, 1.5);
+        EXPECT_FALSE(method->callWithRetry([] { return Status::Retry; }));
+        const std::set<nanoseconds> seen(m_clock.sleeps.begin(), m_clock.sleeps.end());
+        EXPECT_THAT(seen, ElementsAre(10ms, 11ms, 12ms)) << "both ends, and never in the interval";
+    }
+    const std::size_t lines = m_log.lines().size();
+    RegularIntervalRetry method(m_log.logger(), 1, 1, 0);
+    EXPECT_THROW(method.callWithRetry({}), std::bad_function_call);
+    EXPECT_EQ(
+        thrownBy([&] { method.callWithRetry([]() -> Status { throw std::logic_error("thrown"); }); }), "logic: thrown");
+    EXPECT_EQ(m_log.lines().size(), lines);
+}
+
+TEST_F(ResilienceTest, MetersTickInWholeSeconds)
+{
+    MeterMetric meter("bytes", 1s);
+    EXPECT_EQ(meter.getRateMean(), 0);
+    meter.mark(10);
+    EXPECT_EQ(meter.getCount(), 10U);
+    m_clock.now += 1s;
+    EXPECT_EQ(meter.getRate5Sec(), 0) << "a second is no tick";
+    m_clock.now += 1ns;
+    EXPECT_DOUBLE_EQ(meter.getRate5Sec(), 10) << "taken over whole";
+    EXPECT_DOUBLE_EQ(meter.getRate15Min(), 10);
+    m_clock.now += 1s - 1ns; // a second after the tick's time on the grid, which was 1 ns ago
+    EXPECT_DOUBLE_EQ(meter.getRate5Sec(), 10);
+    m_clock.now += 1s + 500ms;
+    EXPECT_NEAR(meter.getRate5Sec(), 10 * std::exp(-1.6), 1e-9) << "two ticks of silence";
+    EXPECT_NEAR(meter.getRate1Min(), 10 * std::exp(-2 / 60.0), 1e-9);
+    EXPECT_NEAR(meter.getRate5Min(), 10 * std::exp(-2 / 300.0), 1e-9);
+    EXPECT_NEAR(meter.getRate15Min(), 10 * std::exp(-2 / 900.0), 1e-9);
+    m_clock.now += 500ms;
+    const double before = meter.getRate5Sec();
+    m_clock.now += 1ns;
+    EXPECT_LT(meter.getRate5Sec(), before) << "the grid stands";
+    EXPECT_EQ(meter.getElapsedDuration(), 4s + 1ns);
+    EXPECT_DOUBLE_EQ(meter.getRateMean(), 10e9 / (4e9 + 1));
+
+    MeterMetric hourly("wraps", 1h);
+    hourly.mark(1UL << 62);
+    m_clock.now += 1s;
+    EXPECT_EQ(hourly.getRateMean(), 0) << "modulo 2^64, as documented: 2^62 times a multiple of 4";
+    EXPECT_EQ(hourly.getName(), "wraps");
+}
+
+TEST(MeterMetric, LosesNoEventOfAnyThread)
+{
+    MeterMetric meter("events", 1s);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i)
+        threads.emplace_back([&] {
+            for (int n = 0; n < 50'000; ++n) meter.mark(2);
+            (void)meter.getRate1Min();
+        });
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(meter.getCount(), 400'000U);
+}
+
+} // namespace
+} // namespace agent

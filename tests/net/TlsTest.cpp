@@ -204,6 +204,10 @@ TEST_F(TlsTest, SurvivesHostilePeersDuringTheHandshake)
         char byte = 0;
         while (::read(fd, &byte, 1) > 0) continue;
     };
+    const auto notify = [=](int fd) {
+        (void)::send(fd, "\x15\3\3\0\2\1\0", 7, MSG_NOSIGNAL);
+        drain(fd);
+    };
     const auto reset = [](int fd) {
         const linger now{1, 0};
         ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &now, sizeof now);
@@ -223,6 +227,8 @@ TEST_F(TlsTest, SurvivesHostilePeersDuringTheHandshake)
              Case{"silent", drain, 1s, test::posix("Want read timed out.", 110)},
              Case{"silent, and no time to wait", drain, 0s, test::posix("SSL_connect timed out after 0", 110)},
              Case{"slow", drip, 1s, test::posix("SSL_connect timed out after 1", 110)},
+             Case{"ends in order", notify, 5s,
+                 test::posix(failure("Error on ssl connect: ", "SSL_ERROR_ZERO_RETURN"), 103)},
              Case{"closes", [](int) {}, 5s, "posix: Error on ssl connect: "},
              Case{"resets", reset, 5s, "posix: Error on ssl connect: "},
          }) {

@@ -54,8 +54,9 @@ public:
 /// The socket should be non-blocking; it stays the connector's, which closes it.
 ///
 /// Failures are PosixError with codes like `errno`: 2 what is needed is missing, 22 OpenSSL refuses, or the server
-/// is not who it should be, 103 closed during the handshake, 104 closed later, 107 not connected, 110 time-out, 114
-/// connected already, and else OpenSSL's own SSL_ERROR numbers or what a failed wait said.
+/// is not who it should be, 103 the server ends the connection in order (close notify) during the handshake, 104 it
+/// does so later, 107 not connected, 110 time-out, 114 connected already, what a failed wait said, and for everything
+/// that goes wrong later OpenSSL's own SSL_ERROR numbers: a connection that just breaks off is 1 or 5.
 /// Threads: one at a time. Block signals in threads that use it: one that arrives during a wait ends it with EINTR.
 /// No SIGPIPE is raised.
 class AGENTKIT_API OpenSSLStream : public virtual ISSLClient {
@@ -73,7 +74,8 @@ public:
     /// Closes as close() does; failures are logged.
     ~OpenSSLStream() override;
 
-    /// Shakes hands. Once only, also if it fails; after close() it can be called anew.
+    /// Shakes hands. Once only, also if the handshake fails; after close() it can be called anew.
+    /// @throws what the store throws when asked for certificate and key
     void connect() override;
 
     /// A size of 0 reads nothing. A buffer larger than 2 GiB is not filled beyond that.

@@ -20,7 +20,8 @@ public:
     /// A stream that is not yet connected.
     /// @param descriptor  of a file store: borrowed by the stream, which it must outlive
     /// @throws std::invalid_argument  for an unknown type of store
-    /// @throws std::runtime_error     for the native store, which gives no streams on this platform
+    /// @throws std::runtime_error     for the native store, which gives no streams on this platform; before that,
+    ///                                what reading its certificate throws
     std::shared_ptr<ISSLClient> makeClientStream(const ICertificateStoreDescriptor& descriptor,
         std::shared_ptr<ITCPConnector> connector, const std::chrono::seconds& timeout) const;
 

@@ -29,7 +29,8 @@ public:
 ///     Ret ret = io.init();
 ///     if (ret.code == 0) ret = io.write(request, size);
 ///
-/// What a TLS stream throws becomes a result of code 22 with its text; results of the plain socket are SocketIo's.
+/// A std::exception of the TLS stream becomes a result of code 22 with its text; results of the plain socket are
+/// SocketIo's, and 107 where there is none.
 /// Threads: one at a time.
 class AGENTKIT_API IoWrapper : public IIoWrapper {
 public:

@@ -118,24 +118,14 @@ TEST_F(CertificateTest, TakesNamesAndChainsOfAnySize)
 
     std::string pem;
     for (int i = 0; i < 100; ++i) pem += Identity(CertificateSpec{.subject = {}}).pem();
-    Certificate chain = certificate(pem);
-    EXPECT_EQ(chain.getChain().size(), 100U);
-    unsigned int status = 0;
-    std::vector<std::string> errors;
-    EXPECT_TRUE(chain.gnutlsCertificateVerify(chain, status, errors) || true) << "whatever it says, it survives";
+    EXPECT_EQ(certificate(pem).getChain().size(), 100U);
 }
 
 TEST_F(CertificateTest, VerifiesAClientAgainstTheLocalChain)
 {
     const Identity other(CertificateSpec{.subject = {{"CN", "Other"}}});
     const Certificate local = certificate(other.pem() + m_authority.pem());
-    struct Case {
-        const char* why;
-        const Identity* issuer;
-        long validFrom;
-        long validUntil;
-        std::vector<std::string> expected;
-    };
+    using Case = std::tuple<const char*, const Identity*, long, long, std::vector<std::string>>;
     for (const auto& [why, issuer, validFrom, validUntil, expected] : {
              Case{"an authority that comes second", &m_authority, -60, 60, {}},
              Case{"expired", &m_authority, -60, -30, {"Cert expired"}},
@@ -247,12 +237,7 @@ TEST_F(CertificateTest, FindsNetscapeComments)
     const auto with = [&](const std::vector<std::pair<const char*, std::string>>& extensions) {
         return certificate(Identity({.extensions = extensions}, &m_authority).pem());
     };
-    struct Case {
-        const char* why;
-        std::string value; // of the extension
-        std::string comment;
-        bool isFound;
-    };
+    using Case = std::tuple<const char*, std::string, std::string, bool>;
     for (const auto& [why, value, comment, isFound] : {
              Case{"plain", ia5("abc"), "abc", true},
              Case{"longer", ia5("abc"), "abcd", false},

@@ -358,7 +358,7 @@ TEST_F(TlsTest, WaitsNoLongerThanItShould)
 
 TEST_F(TlsTest, StaysOutOfTheKernelWhateverIsConfigured)
 {
-    const TcpServer before(tls([](SSL* ssl) { (void)SSL_write(ssl, "x", 1); }));
+    const TcpServer before(tls([](SSL*) {}));
     const std::string config = "openssl_conf=a\n[a]\nssl_conf=b\n[b]\nsystem_default=c\n[c]\nOptions=KTLS\n";
     ASSERT_EQ(CONF_modules_load_file(m_dir.file("cnf", config).c_str(), nullptr, 0), 1);
     streamTo(before)->connect();

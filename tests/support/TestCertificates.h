@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <functional>
 #include <memory>
 #include <string>
@@ -107,6 +108,10 @@ public:
         (void)::listen(m_listener, 1);
         (void)::getsockname(m_listener, address, &length);
         m_thread = std::thread([this, serve = std::move(serve)] {
+            sigset_t sigpipe; // a client that leaves early ends nothing but this connection
+            sigemptyset(&sigpipe);
+            sigaddset(&sigpipe, SIGPIPE);
+            ::pthread_sigmask(SIG_BLOCK, &sigpipe, nullptr);
             const int fd = ::accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
             if (fd >= 0) serve(fd);
             ::close(fd);

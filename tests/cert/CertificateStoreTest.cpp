@@ -6,7 +6,6 @@
 #include "agent/SSLCertificateThumbprint.h"
 #include "agent/file/Operations.h"
 
-#include <openssl/sha.h>
 #include <sys/stat.h>
 
 namespace agent {
@@ -132,11 +131,8 @@ TEST_F(StoreTest, ComesInTwoTypes)
 
 TEST_F(StoreTest, ThumbprintsAreTheSha1OfTheCertificate)
 {
-    unsigned char* der = nullptr;
-    const int size = i2d_X509(m_identity.x509(), &der);
-    unsigned char digest[SHA_DIGEST_LENGTH];
-    SHA1(der, static_cast<std::size_t>(size), digest);
-    OPENSSL_free(der);
+    unsigned char digest[20];
+    X509_digest(m_identity.x509(), EVP_sha1(), digest, nullptr);
     std::string expected;
     for (const unsigned int byte : digest) (expected += "0123456789abcdef"[byte / 16]) += "0123456789abcdef"[byte % 16];
 

@@ -224,8 +224,8 @@ TEST_F(CertificateTest, ComeFromSessions)
     EXPECT_EQ(thrown(Cert::Local, 0), "runtime: Failed to load local certificate");
     EXPECT_EQ(thrown(Cert::Peer, 1), "runtime: Failed to verify peer certificate");
     EXPECT_EQ(thrown(Cert(2), 1), "invalid argument: Internal error occurred loading certificate");
-    for (const gnutls_session_t end : ends) gnutls_deinit(end);
-    for (const auto credential : {credentials, none}) gnutls_certificate_free_credentials(credential);
+    for (auto* const end : ends) gnutls_deinit(end);
+    for (auto* const credential : {credentials, none}) gnutls_certificate_free_credentials(credential);
     for (const int fd : pair) ::close(fd);
 }
 
@@ -259,10 +259,9 @@ TEST_F(CertificateTest, FindsNetscapeComments)
     EXPECT_FALSE(with({{kComment, ia5("abc")}}).nsCommentExtensionDataMatches(0x1'0000'0000, "abc")) << "no index";
     EXPECT_THROW(with({{kComment, ia5("abc")}, {kComment, ia5("abc")}}), GnuTlsError) << "twice: GnuTLS takes no such";
 
-    std::vector<std::string> oids;
-    for (int i = 0; i < 100; ++i) oids.push_back("1.2.3." + std::to_string(i));
-    std::vector<std::pair<const char*, std::string>> many;
-    for (const std::string& oid : oids) many.emplace_back(oid.c_str(), "x");
+    std::vector<std::string> oids(100);
+    std::vector<std::pair<const char*, std::string>> many(100, {nullptr, "x"});
+    for (std::size_t i = 0; i < 100; ++i) many[i].first = (oids[i] = "1.2.3." + std::to_string(i)).c_str();
     many.emplace_back(kComment, ia5("abc"));
     EXPECT_FALSE(with(many).hasNSComment("abc")) << "the 101st";
     many.erase(many.begin());

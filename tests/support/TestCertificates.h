@@ -76,13 +76,13 @@ private:
         const long size = BIO_get_mem_data(bio.get(), &data);
         return {data, static_cast<std::size_t>(size)};
     }
-    void add(X509_EXTENSION* extension)
+    void add(X509_EXTENSION* extension) const
     {
         X509_add_ext(x509(), extension, -1);
         X509_EXTENSION_free(extension);
     }
-    void extend(int nid, const char* value) { add(X509V3_EXT_conf_nid(nullptr, nullptr, nid, value)); }
-    void extendRaw(const char* oid, const std::string& value)
+    void extend(int nid, const char* value) const { add(X509V3_EXT_conf_nid(nullptr, nullptr, nid, value)); }
+    void extendRaw(const char* oid, const std::string& value) const
     {
         const std::unique_ptr<ASN1_OCTET_STRING, decltype(&ASN1_OCTET_STRING_free)> octets(
             ASN1_OCTET_STRING_new(), ASN1_OCTET_STRING_free);

@@ -151,7 +151,8 @@ bool setHost(SSL* connection, const std::string& host)
 void logName(Logger& logger, const char* what, const X509_NAME* name)
 {
     std::array<char, 256> text{};
-    const bool isThere = name != nullptr && X509_NAME_oneline(name, text.data(), static_cast<int>(text.size()));
+    const bool isThere =
+        name != nullptr && X509_NAME_oneline(name, text.data(), static_cast<int>(text.size())) != nullptr;
     Logger::Entry entry(logger, Logger::DEBUG);
     entry << what << " from server cert";
     if (isThere) {

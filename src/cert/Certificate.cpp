@@ -56,8 +56,8 @@ public:
     /// @return false if there is no memory; both are unchanged then
     bool append(Certificates& other)
     {
-        const std::size_t size = std::size_t{m_size} + other.m_size;
-        auto* const grown = static_cast<gnutls_x509_crt_t*>(gnutls_realloc(m_list, size * sizeof *m_list));
+        const std::size_t bytes = (std::size_t{m_size} + other.m_size) * sizeof(void*); // of handles
+        auto* const grown = static_cast<gnutls_x509_crt_t*>(gnutls_realloc(m_list, bytes));
         if (grown == nullptr) return false;
         m_list = grown;
         for (unsigned int i = 0; i < other.m_size; ++i) m_list[m_size++] = std::exchange(other.m_list[i], nullptr);
@@ -241,7 +241,7 @@ std::vector<gnutls_x509_crt_t> Certificate::getChain() const
     return chain;
 }
 
-bool Certificate::gnutlsCertificateVerify(
+bool Certificate::gnutlsCertificateVerify( // NOLINT(readability-make-member-*): the interface's
     const Certificate& local, unsigned int& status, std::vector<std::string>& errors)
 {
     const auto authorities = local.getChain();

@@ -31,8 +31,8 @@ struct Switches {
 };
 
 struct Authentication {
-    const CurlHelper::Credentials& credentials;
-    const IHTTPRequester::ClientCertificate& clientCertificate;
+    CurlHelper::Credentials credentials;
+    IHTTPRequester::ClientCertificate clientCertificate;
 };
 
 template <typename Value>
@@ -335,7 +335,7 @@ long CurlHelper::postRequestWithBasicAuth(const std::string& url, const json& bo
     const std::vector<std::string>& headers, seconds timeout, bool verifyCertificates, bool failOnError,
     bool verbose) const
 {
-    const Authentication authentication{credentials, clientCertificate};
+    const Authentication authentication{std::move(credentials), std::move(clientCertificate)};
     return exchangeJson(Method::Post, url, body, response, logger, &authentication, headers, timeout,
         {verifyCertificates, failOnError, verbose});
 }
@@ -361,7 +361,7 @@ long CurlHelper::postRequestBinaryWithBasicAuth(const std::string& url, const st
     const std::vector<std::string>& headers, seconds timeout, bool verifyCertificates, bool failOnError,
     bool verbose) const
 {
-    const Authentication authentication{credentials, clientCertificate};
+    const Authentication authentication{std::move(credentials), std::move(clientCertificate)};
     return exchange(Method::Post, url, &data, response, logger, &authentication, headers, timeout,
         {verifyCertificates, failOnError, verbose});
 }
@@ -391,7 +391,7 @@ long CurlHelper::putRequestWithBasicAuth(const std::string& url, const json& bod
     const std::vector<std::string>& headers, seconds timeout, bool verifyCertificates, bool failOnError,
     bool verbose) const
 {
-    const Authentication authentication{credentials, clientCertificate};
+    const Authentication authentication{std::move(credentials), std::move(clientCertificate)};
     return exchangeJson(Method::Put, url, body, response, logger, &authentication, headers, timeout,
         {verifyCertificates, failOnError, verbose});
 }
@@ -421,7 +421,7 @@ long CurlHelper::getRequestWithBasicAuth(const std::string& url, std::string& re
     Credentials credentials, ClientCertificate clientCertificate, const std::vector<std::string>& headers,
     seconds timeout, bool verifyCertificates, bool failOnError, bool verbose) const
 {
-    const Authentication authentication{credentials, clientCertificate};
+    const Authentication authentication{std::move(credentials), std::move(clientCertificate)};
     return exchange(Method::Get, url, nullptr, response, logger, &authentication, headers, timeout,
         {verifyCertificates, failOnError, verbose});
 }

@@ -247,12 +247,5 @@ TEST_F(FipsTest, TheMachineDecides)
     std::filesystem::current_path("/");
 }
 
-TEST_F(FipsTest, TheMachinesOwnProviderPasses)
-{
-    OpenSSLProvider fips(m_log.logger(), "fips", m_own.get());
-    if (thrownBy([&] { fips.load(); }) != "nothing") GTEST_SKIP() << "it has none";
-    EXPECT_EQ(thrownBy([&] { fips.selfTest(); }), "nothing");
-}
-
 } // namespace
 } // namespace agent::ssl

@@ -1,0 +1,147 @@
+#include "agent/ImdsClient.h"
+#include "FakeClock.h"
+#include "Support.h"
+
+#include <numeric>
+
+namespace agent {
+namespace {
+
+using namespace std::chrono_literals;
+using nlohmann::json;
+using test::thrownBy;
+using testing::ElementsAre;
+
+struct Provider : info::SystemInfoProvider {
+    bool checkAzureFootprint() const override { return footprint; }
+    bool footprint = true;
+};
+
+struct NoConfig : IConfig {
+    void getValue(const std::string& /*key*/, bool& /*value*/) const override {}
+    void getValue(const std::string& /*key*/, unsigned long& /*value*/) const override {}
+    void getValue(const std::string& /*key*/, std::string& /*value*/) const override {}
+    std::string getJSON() const override { return {}; }
+    void setJSON(json /*document*/, bool /*replace*/) override {}
+};
+
+/// Answers by the script, the last line over and over; a status of 0 throws.
+struct ScriptedHttp : CurlHelper {
+    using Answer = std::pair<long, std::string>;
+    explicit ScriptedHttp(const IConfig& config)
+        : CurlHelper(config, true, false, "", {})
+    {
+    }
+    long getRequest(const std::string& url, std::string& response, info::Logger& /*logger*/,
+        const std::vector<std::string>& headers, std::chrono::seconds timeout) const override
+    {
+        EXPECT_EQ(url, "http://169.254.169.254/metadata/instance?api-version=2020-06-01");
+        EXPECT_THAT(headers, ElementsAre("Metadata: true"));
+        EXPECT_EQ(timeout, 2s);
+        const auto& [status, text] = script[std::min(calls++, script.size() - 1)];
+        if (status == 0) throw std::runtime_error("unplugged");
+        response = text;
+        return status;
+    }
+    std::vector<Answer> script;
+    mutable std::size_t calls = 0;
+};
+
+class ImdsClientTest : public testing::Test {
+protected:
+    test::FakeClock m_clock;
+    test::CapturingLogger m_log;
+    Provider m_provider;
+    NoConfig m_config;
+    ScriptedHttp m_http{m_config};
+    bool m_isCanceled = false;
+    ImdsClient m_client{m_http, m_log.logger(), m_provider, "", [this] { return m_isCanceled; }};
+};
+
+constexpr const char* kIds = R"({"compute": {"resourceId": "r", "subscriptionId": "s"}, "network": 1})";
+
+TEST_F(ImdsClientTest, KeepsTheAnswer)
+{
+    EXPECT_EQ(thrownBy([&] { m_client.isAzure(); }), "runtime: ImdsClient needs to be initialized first.");
+    m_http.script = {{200, kIds}};
+    EXPECT_TRUE(m_client.init() && m_client.isAzure());
+    EXPECT_EQ(m_client.resourceId() + m_client.subscriptionId(), "rs");
+    EXPECT_EQ(m_client.imdsData()["network"], 1);
+    m_provider.footprint = false;
+    EXPECT_FALSE(m_client.init() || m_client.isAzure());
+    EXPECT_EQ(m_client.resourceId(), "r") << "all else stays";
+    EXPECT_EQ(m_http.calls, 1U) << "not asked again";
+}
+
+TEST_F(ImdsClientTest, JudgesAnswers)
+{
+    const std::string retrying = "3 ImdsClient retry-aware func retrying due to response code: ";
+    struct Case {
+        const char* why;
+        std::vector<ScriptedHttp::Answer> script;
+        std::size_t calls;
+        std::vector<std::string> lines; // without those of the retry method
+        std::string data;
+    };
+    for (const Case& c : {
+             Case{"retried until it works", {{410, ""}, {429, ""}, {500, "x"}, {200, kIds}}, 4,
+                 {retrying + "410.", retrying + "429.", retrying + "500."}, json::parse(kIds).dump()},
+             Case{"not retried", {{404, ""}}, 1, {"3 ImdsClient retry-aware func failed due to response code: 404."},
+                 "null"},
+             Case{"empty", {{200, ""}}, 1,
+                 {"3 Azure IMDS response body was empty even though it responded with HTTP(OK)."}, "null"},
+             Case{"no compute", {{200, "[]"}}, 1, {}, "[]"},
+             Case{"compute that is no object", {{200, R"({"compute":1})"}}, 1, {}, R"({"compute":1})"},
+             Case{"half of it", {{200, R"({"compute":{"resourceId":"x"}})"}}, 1, {},
+                 R"({"compute":{"resourceId":"x"}})"},
+             Case{"no string", {{200, R"({"compute":{"resourceId":"x","subscriptionId":7}})"}}, 1,
+                 {"4 Azure IMDS response failed to parse: [json.exception.type_error.302] type must be string, but is "
+                  "number"},
+                 R"({"compute":{"resourceId":"x","subscriptionId":7}})"},
+             Case{"a bomb", {{200, std::string(100'000, '[')}}, 1,
+                 {"4 Azure IMDS http request failed to parse: nests deeper than 512 levels"}, "null"},
+         }) {
+        m_http.script = c.script;
+        m_http.calls = 0;
+        const std::size_t before = m_log.lines().size();
+        ImdsClient client(m_http, m_log.logger(), m_provider, "", [] { return false; });
+        EXPECT_EQ(client.init(), c.data == json::parse(kIds).dump()) << c.why;
+        EXPECT_EQ(client.subscriptionId(), client.isAzure() ? "s" : "") << c.why;
+        EXPECT_EQ(m_http.calls, c.calls) << c.why;
+        EXPECT_EQ(client.imdsData().dump(), c.data) << c.why;
+        auto lines = m_log.lines();
+        lines.erase(lines.begin(), lines.begin() + static_cast<std::ptrdiff_t>(before));
+        std::erase_if(
+            lines, [](const std::string& line) { return line.find("retry") == 2 || line.find("retry i") == 10; });
+        EXPECT_EQ(lines, c.lines) << c.why;
+    }
+}
+
+TEST_F(ImdsClientTest, StopsWhenToldAndGivesUpAfterTenMinutes)
+{
+    m_isCanceled = true;
+    EXPECT_FALSE(m_client.init());
+    EXPECT_THAT(m_log.lines(),
+        ElementsAre("3 Azure IMDS http request canceled", "3 retry logic received a failure status, giving up."));
+    EXPECT_EQ(m_http.calls, 0U);
+    ImdsClient unstoppable(m_http, m_log.logger(), m_provider, "", {});
+    EXPECT_THROW(unstoppable.init(), std::bad_function_call);
+    EXPECT_THROW((void)unstoppable.isAzure(), std::runtime_error);
+
+    m_isCanceled = false;
+    m_http.script = {{0, ""}};
+    EXPECT_FALSE(m_client.init());
+    const auto slept = std::accumulate(m_clock.sleeps.begin(), m_clock.sleeps.end(), std::chrono::nanoseconds(0));
+    EXPECT_GT(slept, 580s);
+    EXPECT_LE(slept, 600s);
+    EXPECT_THAT(m_log.lines(), testing::Contains("3 Azure IMDS http request failed: unplugged").Times(testing::Gt(50)));
+    EXPECT_THAT(m_log.lines(), testing::Contains("3 exceeded retry time of 600000 ms, giving up."));
+
+    m_client.setRetryMethod(std::make_unique<RegularIntervalRetry>(m_log.logger(), 1, 5, 0));
+    (void)m_client.init(); // the breaker is open by now
+    EXPECT_THAT(m_log.lines(), testing::Contains(testing::StartsWith("3 Azure IMDS http request failed due to open "
+                                                                     "circuit breaker: error: breaker was opened ")));
+}
+
+} // namespace
+} // namespace agent

@@ -60,7 +60,7 @@ int main(int argc, char** argv)
     using namespace backup;
     // A client that is gone, or a file that may not grow, is an error like any other.
     for (const int signal : {SIGPIPE, SIGXFSZ}) (void)std::signal(signal, SIG_IGN);
-    (void)::umask(S_IRWXG | S_IRWXO);    // images are nobody else's business
+    (void)::umask(S_IRWXG | S_IRWXO); // images are nobody else's business
 
     Options options;
     CLI::App app{"Receives backups on 127.0.0.1 over TLS and keeps one replica up to date."};

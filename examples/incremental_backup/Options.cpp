@@ -32,7 +32,7 @@ std::string checkBlockSize(const std::string& text)
 
 void requireImages(const Options& options)
 {
-    if (!options.printExtents.empty()) return;
+    if (!options.printExtents.empty() || !options.inventory.empty()) return;
     for (const auto& [name, value] : {std::pair("--previous", &options.previous), {"--current", &options.current}})
         if (value->empty()) throw CLI::RequiredError(name);
     if (options.replica.empty() == options.server.empty()) throw CLI::RequiredError("--replica or --server");
@@ -63,6 +63,14 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options)
     app.add_option("--file-system", options.fileSystem, "the volume's file system, for instance vfat");
     app.add_option("--log", options.log, "file to which all log lines are added");
     app.add_option("--report", options.report, "zip archive to make of log, bitmap and summary");
+    app.add_option("--patience", options.patience, "seconds to go on trying to reach the server")
+        ->capture_default_str()
+        ->needs(server);
+    app.add_option("--every", options.every,
+           "repeat every so many seconds until SIGINT or SIGTERM; brings the previous image up to date, too")
+        ->needs(server);
+    app.add_option("--inventory", options.inventory,
+        "print what is known of this machine, and what has changed since the last time by what this folder keeps");
     app.add_option(
         "--print-extents", options.printExtents, "print the ranges of blocks of a file, and do nothing else");
     try {

@@ -21,6 +21,9 @@ struct Options {
     std::string server;             ///< "host:port" of a backup server that has the replica
     std::string certificateStore;   ///< folder with our certificate and key for it
     unsigned int bandwidth = 0;     ///< to the server, bits per second; 0: no limit
+    unsigned int patience = 10;     ///< seconds to go on trying to reach the server
+    unsigned int every = 0;         ///< seconds between backups; 0: only one
+    std::string inventory;          ///< directory that keeps what was printed of this machine last
     std::string printExtents;       ///< file whose ranges to print, instead of a backup
 };
 

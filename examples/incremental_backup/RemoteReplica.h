@@ -6,12 +6,14 @@
 
 #include "agent/BlockRange.h"
 #include "agent/CertificateStoreDescriptor.h"
+#include "agent/MeterMetric.h"
 #include "agent/TCPConnector.h"
 #include "agent/core/IConnectionBandwidthManager.h"
 #include "agent/info/Logger.h"
 #include "agent/vnt/IoWrapper.h"
 #include "agent/vnt/protocol/RateLimiter.h"
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -45,7 +47,8 @@ private:
 /// has.
 class RemoteReplica {
 public:
-    /// Connects, both ends authenticated.
+    /// Connects, both ends authenticated. A server that cannot be reached is tried again, less and less often, until
+    /// the patience that the options give is used up; one that is not trusted, or does not trust us, is not.
     /// @param logger  borrowed
     RemoteReplica(agent::info::Logger& logger, const Options& options);
 
@@ -67,16 +70,21 @@ public:
     void commit();
 
 private:
+    void connect(const Options& options);
+    void reportRates();
     void read(void* data, unsigned int size);
     void write(const void* data, unsigned int size);
     void send(protocol::Type type, const std::vector<char>& content);
     protocol::Message expect(protocol::Type type);
 
+    agent::info::Logger& m_logger;
     std::string m_name; // host and port
     agent::FileCertificateStoreDescriptor m_store;
     std::shared_ptr<agent::TCPConnector> m_connector;
     std::unique_ptr<agent::vnt::IoWrapper> m_io;
     Bandwidth m_bandwidth;
+    std::optional<agent::MeterMetric> m_sent; // bytes, from the beginning of the backup
+    std::chrono::nanoseconds m_nextReport{0}; // of the rates, since that
     vnt::protocol::RateLimiter m_limiter{m_bandwidth};
 };
 

@@ -119,3 +119,27 @@ step "11. A server whose disk is full, for which the file size limit stands in"
 start_server --replica remote.img
 prlimit --pid "$server" --fsize=$((100 << 20))
 fails --certificate-store certificates/client
+kill "$server"
+
+step "12. Every second, with a server that is started late, until SIGTERM"
+cp --sparse=always old.img previous.img
+(sleep 2 && exec "$server_program" --certificate-store certificates/server --port "$port" --replica remote.img) >/dev/null 2>&1 &
+server=$!
+"$program" --previous previous.img --current new.img --server "127.0.0.1:$port" \
+    --certificate-store certificates/client --bandwidth 40000000 --every 1 >every.log 2>&1 &
+agent=$!
+echo "$ incremental_backup --previous previous.img ... --bandwidth 40000000 --every 1 &"
+for ((i = 0; i < 300; ++i)); do
+    ! grep -q '^Blocks:   0 of' every.log || break # the first one that had nothing to do
+    sleep 0.1
+done
+kill -TERM "$agent"
+wait "$agent"
+cat every.log
+cmp new.img remote.img && cmp new.img previous.img && echo "cmp: the server's replica equals the volume again"
+kill "$server"
+server=
+
+step "13. What is known of this machine"
+show --inventory inventory >/dev/null
+show --inventory inventory

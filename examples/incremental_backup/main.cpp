@@ -5,8 +5,10 @@
 #include "ChangeTracker.h"
 #include "CowFile.h"
 #include "ImageFile.h"
+#include "Inventory.h"
 #include "LogPrinter.h"
 #include "Options.h"
+#include "PeriodicBackup.h"
 #include "Protocol.h"
 #include "RemoteReplica.h"
 #include "Replicator.h"
@@ -22,6 +24,7 @@
 #include "agent/info/Logger.h"
 #include "agent/vnt/LoggerAdapter.h"
 
+#include <chrono>
 #include <cstdlib>
 #include <exception>
 #include <functional>
@@ -169,6 +172,14 @@ void updateFile(
     if (!difference.empty()) throw ReplicaDiffers(difference);
 }
 
+/// Makes the image of the last backup what was just backed up, so that the next backup sends only what changes from now
+/// on. A program that is killed meanwhile finds a replica that is no copy of it, and sends all.
+void updatePrevious(const Options& options, const Images& images, Replicator& replicator)
+{
+    const ImageFile previous(options.previous, ImageFile::Access::ReadWrite);
+    replicator.apply(images.current, previous);
+}
+
 /// Has a server bring its replica up to date.
 void updateServer(
     const Options& options, const Images& images, const agent::Path& bitmap, Replicator& replicator, Logger& logger)
@@ -186,6 +197,7 @@ void updateServer(
     writeBitmap(bitmap.u8string(), map, changes, msbFirst);
     replicator.loadChanges(bitmap.u8string(), msbFirst);
     replicator.send(current, remote);
+    if (isStopping()) throw std::runtime_error("told to stop");
     if (remote.finish(replicator.totals().blocks) != protocol::digestOf(current, map))
         throw ReplicaDiffers("what the server has received differs from " + options.current +
                              "; it keeps the replica "
@@ -203,6 +215,7 @@ void backUp(const Options& options, const agent::Path& log, Logger& logger)
     update(options, images, bitmap.path(), replicator, logger);
 
     const std::string summary = summaryOf(images.map, replicator);
+    if (options.every != 0) updatePrevious(options, images, replicator);
     const std::string replica = options.server.empty() ? options.replica : "The replica at " + options.server;
     Logger::Entry(logger, Logger::INFO) << replica << " equals " << options.current
                                         << (options.exclude.empty() ? "" : " but for what is excluded");
@@ -224,7 +237,16 @@ void run(const Options& options)
     vnt::common::Ret::set_logger(vnt::LoggerAdapter::toLogCallback(logger));
     const auto noLogger = agent::make_scope_exit([] { vnt::common::Ret::set_logger({}); });
     try {
-        options.printExtents.empty() ? backUp(options, log, logger) : printExtents(options, logger);
+        if (!options.inventory.empty()) {
+            printInventory(options.inventory, logger);
+        } else if (!options.printExtents.empty()) {
+            printExtents(options, logger);
+        } else if (options.every != 0) {
+            const auto backup = [&] { backUp(options, log, logger); };
+            runPeriodically(std::chrono::seconds(options.every), backup, logger);
+        } else {
+            backUp(options, log, logger);
+        }
     } catch (const std::exception& e) {
         Logger::Entry(logger, Logger::DEBUG) << "Failed: " << e.what(); // main tells it on the screen
         throw;
@@ -240,6 +262,7 @@ int main(int argc, char** argv)
     using namespace backup;
     Options options;
     if (const auto status = parseOptions(argc, argv, options)) return *status;
+    if (options.every != 0) holdStopSignals();
     try {
         run(options);
         return EXIT_SUCCESS;

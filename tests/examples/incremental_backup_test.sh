@@ -157,15 +157,20 @@ cp old.img full.img
 "$make_certificates" tls
 "$make_certificates" stranger
 export SSL_CERT_FILE=$work/tls/certificate.pem
+within() { # SECONDS COMMAND...: repeats it until it succeeds
+    local tries=$(($1 * 20))
+    shift
+    until "$@"; do
+        [ $((--tries)) -gt 0 ] || return 1
+        sleep 0.05
+    done
+}
 start_server() {
     [ -z "$server" ] || kill "$server"
     "$server_program" --certificate-store tls/server --replica remote.img >server.log 2>&1 &
     server=$!
-    for ((i = 0; i < 200; ++i)); do
-        port=$(sed -n 's/^Listening on 127.0.0.1:\([0-9]*\)$/\1/p' server.log)
-        [ -z "$port" ] || break
-        sleep 0.05
-    done
+    within 10 grep -q '^Listening' server.log || fail "no server"
+    port=$(sed -n 's/^Listening on 127.0.0.1://p' server.log)
     remote=(--previous old.img --current new.img --server "127.0.0.1:$port" --certificate-store tls/client)
 }
 keeps_its_replica() {
@@ -188,7 +193,7 @@ cmp -s <(head -c 4096 old.img) <(head -c 4096 remote.img) || fail "an excluded b
 cp old.img remote.img
 echo 'no backup at all' | openssl s_client -quiet -connect "127.0.0.1:$port" -cert tls/client/certificate.pem \
     -key tls/client/private_key.pem >garbage 2>&1 || true
-grep -q 'A client was given up: protocol error: message of type' server.log || fail "garbage"
+within 10 grep -q 'A client was given up: protocol error: message of type' server.log || fail "garbage"
 keeps_its_replica 'alert unknown ca' "${remote[@]:0:6}" --certificate-store stranger/client
 keeps_its_replica 'certificate verify failed' "${remote[@]:0:4}" --server "localhost:$port" --certificate-store tls/client
 prlimit --pid "$server" --fsize=3000001 # room for the copy
@@ -199,6 +204,31 @@ disown "$server" # the shell need not tell
 (sleep 0.5 && kill -KILL "$server") &
 keeps_its_replica 'is as it was, ' "${remote[@]}" --bandwidth 500000
 wait
+refuses "cannot reach 127.0.0.1:$port: Unable to check connect" "${remote[@]}" --patience 1 2>/dev/null
+server=
+(sleep 0.7 && exec "$server_program" --certificate-store tls/server --port "$port" --replica remote.img) >server.log 2>&1 &
+server=$!
+cp old.img previous.img
+"$program" --previous previous.img "${remote[@]:2}" --every 1 >out 2>err &
+agent=$!
+within 20 grep -q '^Blocks: *0 of' out # after one that sent what had changed
+kill -TERM "$agent"
+wait "$agent" || fail "a stopped agent"
+cmp -s new.img remote.img && cmp -s new.img previous.img || fail "repeated backups"
+grep -q '^circuit breaker error' out && grep -q '^Sent: .* on average' out || fail "breaker and meter"
+cp old.img previous.img
+cp old.img remote.img
+"$program" --previous previous.img "${remote[@]:2}" --every 9 --bandwidth 100000 >out 2>err &
+agent=$!
+within 10 grep -q '^SSL connection completed' out
+kill -TERM "$agent"
+wait "$agent" || fail "an agent that is stopped at work"
+cmp -s old.img remote.img && cmp -s old.img previous.img || fail "stopped half-way"
+run 0 --inventory inventory
+grep -q "^Nothing was known so far: " out && grep -q "\"hostName\": \"$(uname -n)\"" out || fail "inventory"
+run 0 --inventory inventory
+grep -q "^Changes since the last time: " out || fail "changes of the inventory"
+
 refuses 'requires --certificate-store' "${remote[@]:0:6}"
 refuses '"h" is no server of the form host:port' "${remote[@]:0:4}" --server h --certificate-store tls/client
 

@@ -4,10 +4,8 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <csignal>
 #include <cstdint>
-#include <random>
 
 namespace agent {
 namespace {
@@ -60,10 +58,8 @@ std::string archiveOf(const std::vector<Entry>& entries)
 }
 
 /// An archive, a place to extract it to, and a directory around both that must see nothing else.
-class ZipTest : public testing::Test {
+class ZipTest : public test::FileFixture {
 protected:
-    void TearDown() override { EXPECT_EQ(test::openDescriptors(), descriptors); }
-
     void run(const std::string& command) const
     {
         const std::string inside = "cd '" + dir.path() + "' && " + command;
@@ -78,22 +74,17 @@ protected:
         return test::thrownBy([&] { zip.compress(files, to, level); });
     }
 
-    test::TempDir dir;
-    test::CapturingLogger log;
-    Zip zip{log.logger()};
+    const test::TempDir& dir = m_dir;
+    Zip zip{m_log.logger()};
     std::string archive = dir / "a.zip";
     std::string out = dir / "out";
-    long descriptors = test::openDescriptors();
 };
 
 TEST_F(ZipTest, WhatItPacksOthersUnpackAndTheOtherWayRound)
 {
-    std::string noise(3'000'000, '\0');
-    std::generate(noise.begin(), noise.end(), std::mt19937()); // NOLINT(cert-msc*): the same bytes each time
-    run("mkdir -p in/sub\\ dir in/none");
-    const std::unordered_map<std::string, Path> files = {{"empty", dir.file("in/empty", "")},
-        {"noise", dir.file("in/noise", noise)},
-        {"s/text", dir.file("in/sub dir/\xC3\xA9\x01", std::string(1'500'000, 'x') + noise.substr(0, 99))}};
+    run("mkdir -p in/sub in/none && : > in/empty && head -c 3000000 /dev/urandom > in/noise");
+    const std::unordered_map<std::string, Path> files = {{"empty", dir / "in/empty"}, {"noise", dir / "in/noise"},
+        {"s/text", dir.file("in/sub/\xC3\xA9\x01", std::string(1'500'000, 'x') + "!")}};
     for (const int level : {-1, 0, 6, 9}) {
         ASSERT_EQ(compress(files, archive, level), "nothing");
         run("unzip -tqq a.zip && unzip -qq a.zip -d theirs && cat in/empty in/noise in/s*/* > a && cd theirs"
@@ -124,7 +115,6 @@ TEST_F(ZipTest, RefusesHostileEntriesAndLeavesNothingBehind)
     const Case cases[] = {
         {"climbs", {.name = "../f"}, kLeaves + "../f"},
         {"climbs as others write it", {.name = "x\\..\\f"}, kLeaves + "x\\..\\f"},
-        {"a directory that climbs", emptyEntry("x/../"), kLeaves + "x/../"},
         {"a NUL inside", {.name = "f\0.txt"s}, "runtime: Entry name holds a NUL: f"},
         {"a name that minizip cuts", emptyEntry(std::string(300, 'n') + "/../"),
             kLeaves + std::string(300, 'n') + "/../"},
@@ -148,7 +138,6 @@ TEST_F(ZipTest, RefusesHostileEntriesAndLeavesNothingBehind)
         dir.file("a.zip", archiveOf({entry}));
         EXPECT_EQ(extract(password), expected) << why;
         run("[ \"$(find . -type f)\" = ./a.zip ]");
-        EXPECT_EQ(test::openDescriptors(), descriptors) << why;
     }
     const std::string whole = archiveOf({{.data = kSecret, .flags = 9}, {.name = "../g"}});
     for (std::size_t size = 0; size < whole.size(); ++size) {
@@ -159,14 +148,14 @@ TEST_F(ZipTest, RefusesHostileEntriesAndLeavesNothingBehind)
 
 TEST_F(ZipTest, TreatsExistingFilesAsAsked)
 {
-    std::filesystem::create_directory(out);
-    const std::string existing = dir.file("out/f", "something longer than that");
+    run("mkdir -p out && printf 'something longer than that' > out/f");
+    const std::string existing = out + "/f";
     dir.file("a.zip", archiveOf({{}, emptyEntry("x/"), {.name = "/y/g"}}));
     ASSERT_EQ(extract(), "nothing");
     ASSERT_EQ(extract("", true, true), "nothing");
-    EXPECT_THAT(log.lines(), IsSupersetOf({"4 Extracting zip archive " + archive + " at " + out,
-                                 "4 " + existing + " already exists, not overwriting or extracting copy.",
-                                 "3 Creating directory " + out + "/x", "3 Creating directory " + out + "/y"}));
+    EXPECT_THAT(m_log.lines(), IsSupersetOf({"4 Extracting zip archive " + archive + " at " + out,
+                                   "4 " + existing + " already exists, not overwriting or extracting copy.",
+                                   "3 Creating directory " + out + "/x", "3 Creating directory " + out + "/y"}));
     EXPECT_EQ(test::contentOf(out + "/y/g"), "attack at dawn") << "an absolute name, below the destination";
     EXPECT_EQ(test::contentOf(out + "/f (1)"), "attack at dawn") << "to keep both beats to overwrite";
 
@@ -176,10 +165,9 @@ TEST_F(ZipTest, TreatsExistingFilesAsAsked)
     ASSERT_EQ(extract("secret", true), "nothing");
     EXPECT_EQ(test::contentOf(existing), "attack at dawn");
 
-    dir.file("out/x/f", "");
-    for (const char* const name : {"x/f/", "x/f/g"}) {
+    for (const char* const name : {"f/", "f/g"}) {
         dir.file("a.zip", archiveOf({emptyEntry(name)}));
-        EXPECT_EQ(extract("", true), "runtime: Cannot create directory " + out + "/x/f, file of same name exists");
+        EXPECT_EQ(extract("", true), "runtime: Cannot create directory " + out + "/f, file of same name exists");
     }
     dir.file("a.zip", archiveOf({{.name = "/etc/f"}}));
     EXPECT_EQ(test::thrownBy([&] { zip.decompress(archive, "", "", false, false); }), kLeaves + "/etc/f");
@@ -213,28 +201,23 @@ TEST_F(ZipTest, AFullDiskIsNeverSilent)
     const std::string source = dir.file("source", "text");
     EXPECT_EQ(compress({{"f", source}}, "/dev/full"),
         "runtime: Failed to write data from file " + source + " in archive /dev/full err: -1");
-    EXPECT_EQ(log.lines().back(), "1 Exception while closing zip file: -1");
+    EXPECT_EQ(m_log.lines().back(), "1 Exception while closing zip file: -1");
     EXPECT_EQ(compress({}, "/dev/full"), "runtime: Failed to close zip file archive /dev/full");
 
     const std::string large = dir.file("large", std::string(20'000, 'x'));
     ASSERT_EQ(compress({{"f", large}, {"g", source}}, archive, 0), "nothing");
-    rlimit before{};
-    (void)::getrlimit(RLIMIT_FSIZE, &before);
-    const auto handler = std::signal(SIGXFSZ, SIG_IGN);
-    auto limit = [lowered = before](rlim_t bytes) mutable {
-        lowered.rlim_cur = bytes;
-        (void)::setrlimit(RLIMIT_FSIZE, &lowered);
-    };
-    limit(10'000);
-    EXPECT_EQ(extract(), "runtime: Failed to write file during decompression: " + out + "/f");
-    EXPECT_FALSE(std::filesystem::exists(out + "/f")) << "half a file";
-    for (auto size = std::filesystem::file_size(archive); size > 0; size -= size > 20'000 ? 1 : std::min(size, 99UL)) {
-        limit(size - 1);
-        EXPECT_NE(compress({{"f", large}, {"g", source}}, dir / "b.zip", 0), "nothing") << size;
-    }
-    limit(before.rlim_cur);
-    (void)std::signal(SIGXFSZ, handler);
-    EXPECT_FALSE(std::filesystem::exists(dir / "b.zip"));
+    EXPECT_TRUE(test::inChild([&] { // with a limit to the size of files in the place of a full disk
+        (void)std::signal(SIGXFSZ, SIG_IGN);
+        rlimit limit{10'000, RLIM_INFINITY};
+        (void)::setrlimit(RLIMIT_FSIZE, &limit);
+        EXPECT_EQ(extract(), "runtime: Failed to write file during decompression: " + out + "/f");
+        for (limit.rlim_cur = std::filesystem::file_size(archive); limit.rlim_cur-- > 20'000;) {
+            (void)::setrlimit(RLIMIT_FSIZE, &limit);
+            EXPECT_NE(compress({{"f", large}, {"g", source}}, dir / "b.zip", 0), "nothing") << limit.rlim_cur;
+        }
+        return !HasFailure();
+    }));
+    EXPECT_FALSE(std::filesystem::exists(out + "/f") || std::filesystem::exists(dir / "b.zip")) << "half a file";
 }
 
 } // namespace

@@ -59,7 +59,6 @@ TEST(U64RangeFinder, FindsRunsOfWords)
     const std::vector<std::uint64_t> words{0, 5, 7, 0, 0, 1UL << 63};
     EXPECT_EQ(U64RangeFinder(true).findRanges(words.data(), 6), (Ranges{{1, 2}, {5, 1}}));
     EXPECT_EQ(U64RangeFinder(false).findRanges(words.data(), 5), (Ranges{{0, 1}, {3, 2}}));
-    EXPECT_EQ(U64RangeFinder(true).findRanges(words.data(), 0), Ranges{});
 }
 
 TEST(BitRangeFinderFactory, MakesFindersThatRefuseBadArguments)
@@ -73,9 +72,7 @@ TEST(BitRangeFinderFactory, MakesFindersThatRefuseBadArguments)
     };
     EXPECT_EQ(find(Factory::Bit, true, true, map.data(), 16), (Ranges{{7, 2}})); // bytes 0x01 0x80
     EXPECT_EQ(find(Factory::Bit, true, false, map.data(), 16), (Ranges{{0, 1}, {15, 1}}));
-    EXPECT_EQ(find(Factory::Bit, false, false, map.data(), 16), (Ranges{{1, 14}}));
     EXPECT_EQ(find(Factory::U64, true, false, map.data(), 1), (Ranges{{0, 1}}));
-    EXPECT_EQ(find(Factory::U64, false, true, map.data(), 1), Ranges{});
     const auto refusal = [&](int type, const void* of) {
         return test::thrownBy([&] { find(type, true, true, of, 0); });
     };

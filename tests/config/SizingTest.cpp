@@ -114,28 +114,16 @@ TEST_F(SizingTest, FilesGrowByAStepUpToAReserve)
 
 TEST_F(SizingTest, FilesCanKeepTheirSize)
 {
-    /// Fails: files that do not grow need no initial size.
-    struct NoSize : LegacyCowFileSize {
-        unsigned long getCowFileSize(info::Logger& /*logger*/, const std::string& /*volume*/, unsigned long /*bytes*/,
-            const std::string& /*fileSystemType*/, bool /*autoExpand*/) const override
-        {
-            throw std::runtime_error("no size");
-        }
-    };
-    const NoSize noSize;
-    const CowFileAutoExpandParamsProvider provider(config, noSize);
-    const auto paramsOf = [&](const char* volume, const char* fileSystem) {
-        return provider.getAutoExpandParams(log.logger(), volume, kGiB, fileSystem, true);
-    };
-    config.values["volumes.off.autoExpand.disable"] = 1;
+    const CowFileAutoExpandParamsProvider provider(config, size);
+    config.values = {{"volumes.off.autoExpand.disable", 1}, {"volumes.off.cowFileSizeMiB", 7}};
     const std::string end = "() called on CowFileAutoExpandParamsDisabled";
     for (const auto& [volume, fileSystem] : {std::pair("off", "ext4"), {"on", "vfat"}}) {
-        const auto params = paramsOf(volume, fileSystem);
+        const auto params = provider.getAutoExpandParams(log.logger(), volume, kGiB, fileSystem, true);
         EXPECT_FALSE(params->hasStepSize() || params->hasReservedSpace());
         EXPECT_EQ(thrownBy([&] { (void)params->getStepSize(); }), "logic: getStepSize" + end);
         EXPECT_EQ(thrownBy([&] { (void)params->getReservedSpace(); }), "logic: getReservedSpace" + end);
     }
-    EXPECT_EQ(thrownBy([&] { (void)paramsOf("on", "ext4"); }), "runtime: no size");
+    EXPECT_TRUE(log.lines().empty()) << "their initial size is not asked for";
     EXPECT_EQ(
         thrownBy([&] { (void)provider.getCustomAutoExpandStepSize("on"); }), "invalid argument: stepSize is not set");
     EXPECT_EQ(thrownBy([&] { (void)provider.getCustomAutoExpandReservedSpace("on"); }),

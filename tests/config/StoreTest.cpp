@@ -7,7 +7,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -29,16 +28,17 @@ bool fails(long number)
 {
     if (g_torture.made.empty() || g_torture.made.back() != number) g_torture.made.push_back(number);
     ++g_torture.calls;
-    if (g_torture.calls == g_torture.killAt) ::_exit(77);
-    if (g_torture.calls != g_torture.failAt) return false;
-    errno = ENOSPC;
-    return true;
+    if (g_torture.calls == g_torture.killAt) ::_exit(0);
+    return g_torture.calls == g_torture.failAt;
 }
 
 template <typename... Arguments>
-long call(long number, Arguments... arguments)
+int call(long number, Arguments... arguments)
 {
-    return fails(number) ? -1 : ::syscall(number, arguments...);
+    if (!fails(number)) return static_cast<int>(::syscall(number, arguments...));
+    if (number == SYS_close) (void)::syscall(number, arguments...); // whatever it says, the descriptor is gone
+    errno = ENOSPC;
+    return -1;
 }
 
 } // namespace
@@ -46,14 +46,10 @@ long call(long number, Arguments... arguments)
 // The library's calls come here first.
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name,cert-dcl50-cpp): the system's declarations
 extern "C" {
-AGENTKIT_API int mkostemp64(char* name, int flags)
-{
-    static auto* const real = reinterpret_cast<int (*)(char*, int)>(::dlsym(RTLD_NEXT, "mkostemp64"));
-    return fails(SYS_openat) ? -1 : real(name, flags);
-}
 AGENTKIT_API int mkostemp(char* name, int flags)
 {
-    return mkostemp64(name, flags);
+    const auto real = reinterpret_cast<int (*)(char*, int)>(::dlsym(RTLD_NEXT, "mkostemp"));
+    return fails(SYS_openat) ? errno = ENOSPC, -1 : real(name, flags);
 }
 AGENTKIT_API ssize_t write(int fd, const void* data, size_t size)
 {
@@ -61,33 +57,27 @@ AGENTKIT_API ssize_t write(int fd, const void* data, size_t size)
 }
 AGENTKIT_API int open(const char* path, int flags, ...) // nobody creates files with it here
 {
-    return static_cast<int>(
-        (flags & O_DIRECTORY) != 0 ? call(SYS_open, path, flags) : ::syscall(SYS_open, path, flags));
+    return call(SYS_open, path, flags);
 }
 AGENTKIT_API int close(int fd)
 {
-    struct stat status {};
-    const bool isFailing = ::fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && fails(SYS_close);
-    const int error = errno;
-    const auto result = static_cast<int>(::syscall(SYS_close, fd));
-    errno = error;
-    return isFailing ? -1 : result;
+    return call(SYS_close, fd);
 }
 AGENTKIT_API int fsync(int fd)
 {
-    return static_cast<int>(call(SYS_fsync, fd));
+    return call(SYS_fsync, fd);
 }
 AGENTKIT_API int fchmod(int fd, mode_t mode) noexcept
 {
-    return static_cast<int>(call(SYS_fchmod, fd, mode));
+    return call(SYS_fchmod, fd, mode);
 }
 AGENTKIT_API int fchown(int fd, uid_t user, gid_t group) noexcept
 {
-    return static_cast<int>(call(SYS_fchown, fd, user, group));
+    return call(SYS_fchown, fd, user, group);
 }
 AGENTKIT_API int rename(const char* from, const char* to) noexcept
 {
-    return static_cast<int>(call(SYS_rename, from, to));
+    return call(SYS_rename, from, to);
 }
 }
 // NOLINTEND(readability-inconsistent-declaration-parameter-name,cert-dcl50-cpp)
@@ -102,38 +92,27 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-class StoreTest : public testing::Test {
+class StoreTest : public test::FileFixture {
 protected:
-    ~StoreTest() override
-    {
-        g_torture = {};
-        EXPECT_EQ(test::openDescriptors(), m_descriptors);
-    }
+    ~StoreTest() override { g_torture = {}; }
 
     json stored() const { return json::parse(contentOf(m_path)); }
+    void put(const std::string& text) const { (void)m_dir.file("store.json", text); }
     static mode_t modeOf(const std::string& path)
     {
         struct stat status {};
         return ::lstat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
     }
-    std::size_t filesThere() const
-    {
-        const std::filesystem::directory_iterator all(m_dir.path());
-        return static_cast<std::size_t>(std::distance(begin(all), end(all)));
-    }
 
-    decltype(test::openDescriptors()) m_descriptors = test::openDescriptors();
-    test::TempDir m_dir;
     std::string m_path = m_dir / "store.json";
 };
 
 TEST_F(StoreTest, FindsAndSetsDottedKeys)
 {
-    (void)m_dir.file(
-        "store.json", R"({"a.b": 1, "a": {"b": 2, "c.d": 3, "c": {"d": 4, "e": 5}}, "n": null, "s": "x"})");
+    put(R"({"a.b": 1, "a": {"b": 2, "c.d": 3, "c": {"d": 4, "e": 5}}, "n": null, "s": "x"})");
     JSONConfigDataProvider store(m_path, true);
-    for (const auto& [key, value] : std::vector<std::pair<std::string, json>>{{"a.b", 1}, {"a.c.d", 3}, {"a.c.e", 5},
-             {"n", nullptr}, {"s", "x"}, {"s.x", nullptr}, {"a.", nullptr}, {".a", nullptr}, {"", nullptr}})
+    for (const auto& [key, value] : std::vector<std::pair<std::string, json>>{
+             {"a.b", 1}, {"a.c.d", 3}, {"a.c.e", 5}, {"s.x", nullptr}, {"a.", nullptr}, {".a", nullptr}, {"", nullptr}})
         EXPECT_EQ(store.get(key), value) << key;
 
     store.set("a.c.e", 6);
@@ -143,11 +122,12 @@ TEST_F(StoreTest, FindsAndSetsDottedKeys)
     const std::string before = contentOf(m_path);
     EXPECT_EQ(thrownBy([&] { store.set("s.x", 1); }),
         "runtime: \"" + m_path + "\" cannot hold \"s.x\": a part of it names string, no object");
-    for (const json& value : {json("\xFF"), json(NAN), json::binary({1}), json::parse("{", nullptr, false)})
+    json deep = 1;
+    for (int i = 0; i < 513; ++i) deep = json::array({std::move(deep)});
+    for (const json& value : {json("\xFF"), json(NAN), json::binary({1}), json::parse("{", nullptr, false), deep})
         EXPECT_THAT(thrownBy([&] { store.set("s", value); }), AllOf(StartsWith("runtime: "), HasSubstr(m_path)));
     EXPECT_THAT(thrownBy([&] { store.setDocument(json::array()); }), StartsWith("runtime: \"" + m_path));
     EXPECT_EQ(contentOf(m_path), before);
-    EXPECT_EQ(store.get("s"), "x");
     EXPECT_EQ(JSONConfigDataProvider(m_path, true).document(), store.document());
 }
 
@@ -156,25 +136,19 @@ TEST_F(StoreTest, RefusesWhatIsNoObjectAndLeavesItAlone)
     const auto nested = [](std::size_t levels) {
         return "{\"a\":" + std::string(levels - 1, '[') + std::string(levels - 1, ']') + "}";
     };
-    for (const std::string& text : {std::string(), std::string("[]"), std::string("null"), std::string("{"),
-             std::string("{} x"), std::string("{\"a\":\"\xC3\"}"), std::string("{\"a\":1e999}"), std::string("\0{}", 3),
-             nested(513), nested(1'000'000)}) {
-        (void)m_dir.file("store.json", text);
+    for (const std::string& text : {std::string(), std::string("[]"), std::string("{"), std::string("{} x"),
+             std::string("{\"a\":\"\xC3\"}"), std::string("{\"a\":1e999}"), nested(513), nested(1'000'000)}) {
+        put(text);
         EXPECT_THAT(
             thrownBy([&] { JSONConfigDataProvider(m_path, false); }), StartsWith("runtime: \"" + m_path + "\" "));
         EXPECT_EQ(contentOf(m_path), text);
     }
-    (void)m_dir.file("store.json", nested(512));
-    JSONConfigDataProvider store(m_path, true);
-    json deep = 1;
-    for (int i = 0; i < 512; ++i) deep = json::array({std::move(deep)});
-    EXPECT_THAT(thrownBy([&] { store.set("b", deep); }), HasSubstr("nests deeper than 512 levels"));
-    EXPECT_EQ(contentOf(m_path), nested(512));
-
-    EXPECT_EQ(thrownBy([&] { JSONConfigDataProvider(m_dir / "no", true); }),
-        test::posix("open(\"" + (m_dir / "no") + "\") failed", ENOENT));
+    put(nested(512));
+    JSONConfigDataProvider(m_path, true).set("b", 1);
+    const std::string missing = m_dir / "no";
+    EXPECT_EQ(thrownBy([&] { JSONConfigDataProvider(missing, true); }),
+        test::posix("open(\"" + missing + "\") failed", ENOENT));
     EXPECT_THAT(thrownBy([&] { JSONConfigDataProvider(m_dir.path(), false); }), StartsWith("posix: read("));
-    EXPECT_THAT(thrownBy([&] { JSONConfigDataProvider("/dev/full/x", false); }), StartsWith("posix: open("));
 }
 
 TEST_F(StoreTest, KeepsModeAndLinkAndCreatesPrivateFiles)
@@ -185,52 +159,48 @@ TEST_F(StoreTest, KeepsModeAndLinkAndCreatesPrivateFiles)
     EXPECT_EQ(modeOf(m_path), 0600U);
     ::chmod(m_path.c_str(), 0644);
     const std::string link = m_dir / "link";
-    ASSERT_EQ(::symlink("store.json", link.c_str()), 0);
+    std::filesystem::create_symlink("store.json", link);
     JSONConfigDataProvider(link, true).set("a", 2);
     EXPECT_EQ(modeOf(m_path), 0644U);
     EXPECT_EQ(modeOf(link), 0777U) << "still a link";
-    EXPECT_EQ(stored(), json::parse(R"({"a": 2})"));
+    EXPECT_EQ(stored()["a"], 2);
 
-    ASSERT_EQ(::unlink(m_path.c_str()), 0);
-    JSONConfigDataProvider dangling(link, false);
-    EXPECT_THAT(thrownBy([&] { dangling.set("a", 1); }), StartsWith("posix: realpath("));
+    std::filesystem::remove(m_path);
+    EXPECT_THAT(thrownBy([&] { JSONConfigDataProvider(link, false).set("a", 1); }), StartsWith("posix: realpath("));
 }
 
 TEST_F(StoreTest, HoldsTheOldOrTheNewDocumentWhereverARewriteEnds)
 {
     const std::string before = R"({"a": "old"})";
     const json after{{"a", "new"}};
-    int calls = 1;
-    for (int n = 1;; ++n) { // failed calls first: they leave nothing behind
-        (void)m_dir.file("store.json", before);
+    int calls = 0;
+    for (std::string failure; failure != "nothing";) { // failed calls first: they leave nothing behind
+        put(before);
         JSONConfigDataProvider store(m_path, true);
-        g_torture = {.failAt = n};
-        const std::string failure = thrownBy([&] { store.set("a", "new"); });
+        g_torture = {.failAt = ++calls};
+        failure = thrownBy([&] { store.set("a", "new"); });
         const Torture was = std::exchange(g_torture, {});
-        calls = was.calls;
-        EXPECT_EQ(filesThere(), 1U) << failure;
-        if (calls < n) { // got through: the file was on disk before it took the old one's place, and its name is now
+        const std::filesystem::directory_iterator all(m_dir.path());
+        EXPECT_EQ(std::distance(begin(all), end(all)), 1) << failure;
+        if (failure == "nothing") { // the file was on disk before it took the old one's place, and its name is now
             EXPECT_THAT(was.made, testing::ElementsAre(SYS_openat, SYS_fchown, SYS_fchmod, SYS_write, SYS_fsync,
-                                      SYS_close, SYS_rename, SYS_open, SYS_fsync));
-            break;
+                                      SYS_close, SYS_rename, SYS_open, SYS_fsync, SYS_close));
+        } else {
+            const bool isFolders = stored() == after; // all is done but the folder's fsync
+            EXPECT_THAT(
+                failure, AllOf(StartsWith("posix: "), HasSubstr(isFolders ? m_dir.path() + "\") failed" : m_path)));
+            EXPECT_TRUE(isFolders || contentOf(m_path) == before);
+            EXPECT_EQ(store.get("a"), "old");
         }
-        const bool isFolders = stored() == after; // all is done but the folder's fsync
-        EXPECT_THAT(failure, AllOf(StartsWith("posix: "), HasSubstr(isFolders ? m_dir.path() + "\") failed" : m_path)));
-        EXPECT_TRUE(isFolders || contentOf(m_path) == before);
-        EXPECT_EQ(store.get("a"), "old");
     }
-
-    for (int n = 1; n <= calls; ++n) {
-        (void)m_dir.file("store.json", before);
-        const pid_t child = ::fork();
-        if (child == 0) {
+    for (int n = 1; n < calls; ++n) {
+        put(before);
+        EXPECT_TRUE(test::inChild([&] {
+            JSONConfigDataProvider store(m_path, true);
             g_torture = {.killAt = n};
-            JSONConfigDataProvider(m_path, true).set("a", "new");
-            ::_exit(0);
-        }
-        int status = 0;
-        ::waitpid(child, &status, 0);
-        EXPECT_EQ(WEXITSTATUS(status), 77);
+            store.set("a", "new");
+            return false;
+        }));
         EXPECT_TRUE(contentOf(m_path) == before || stored() == after) << n;
     }
 }
@@ -240,7 +210,7 @@ TEST(JSONKeyValidator, SpeaksTheLanguageOfRegularExpressions)
     const std::vector<std::string> patterns{R"(\bvolumes\b\..+\.\bcowFileSizeMiB\b$)",
         R"(\bvolumes\b\..+\.\bautoExpand\b\.\bdisable\b$)", "^a.*b$", "a.b", R"(\ba\b)", "", "$", R"(\b\b.*\.)"};
     const std::vector<std::string> pieces{
-        "volumes", "cowFileSizeMiB", "autoExpand", "disable", ".", ".", "a", "b", "-", "_", "\n", "sda1", "x"};
+        "volumes", "cowFileSizeMiB", "autoExpand", ".", ".", "a", "b", "-", "_", "\n"};
     std::mt19937 random(1); // NOLINT(cert-msc*): the same keys each time
     for (const std::string& pattern : patterns) {
         const JSONKeyValidator ours(pattern, JSONKeyValidator::Type::Bool);
@@ -257,19 +227,18 @@ TEST(JSONKeyValidator, SpeaksTheLanguageOfRegularExpressions)
     }
     EXPECT_TRUE(JSONKeyValidator(patterns[0], JSONKeyValidator::Type::Unsigned)
                     .matches("volumes." + std::string(1'000'000, 'x') + ".cowFileSizeMiB"));
-    for (const char* const bad : {"a+", "(a)", "[a]", "a|b", R"(\d)", "\\", ".?", ".+?", "a{2}", "*"})
+    for (const char* const bad : {"a+", "(a)", "[a]", "a|b", R"(\d)", "\\", ".?", ".+?", "a{2}"})
         EXPECT_THAT(thrownBy([&] { JSONKeyValidator(bad, JSONKeyValidator::Type::Bool); }),
             HasSubstr("\"" + std::string(bad) + "\""));
 }
 
 TEST_F(StoreTest, TheConfigurationIsHeldToItsTable)
 {
-    (void)m_dir.file("store.json", R"({"volumes": {"a.b": {"cowFileSizeMiB": 7, "autoExpand": {"disable": true}},
+    put(R"({"volumes": {"a.b": {"cowFileSizeMiB": 7, "autoExpand": {"disable": true}},
         "bad": {"cowFileSizeMiB": -1, "autoExpand": {"disable": 1, "stepSizeMiB": 1.5, "reservedSpaceMiB": null}}}})");
     auto options = ConfigOptions::forVolumes();
     options.push_back({{"^name$", JSONKeyValidator::Type::String}, "nobody"});
-    const auto store = std::make_shared<JSONConfigDataProvider>(m_path, true);
-    Config config(store, ConfigOptions(options));
+    Config config(std::make_shared<JSONConfigDataProvider>(m_path, true), ConfigOptions(options));
     const auto valueOf = [&](const std::string& key, auto value) {
         config.getValue(key, value);
         return value;
@@ -284,57 +253,45 @@ TEST_F(StoreTest, TheConfigurationIsHeldToItsTable)
              {"volumes.bad.cowFileSizeMiB", "must be of type unsigned integer, not negative integer"},
              {"name", "is of type string and was asked for as unsigned integer"}})
         EXPECT_THAT(thrownBy([&, &k = key] { valueOf(k, 99UL); }), AllOf(HasSubstr('"' + key + '"'), HasSubstr(how)));
-    EXPECT_THAT(thrownBy([&] { valueOf("volumes.bad.autoExpand.disable", false); }),
-        HasSubstr("must be of type boolean, not unsigned integer"));
 
     EXPECT_THAT(thrownBy([&] { config.validate(); }), HasSubstr("\"volumes.bad."));
     const std::string before = contentOf(m_path);
     for (const auto& [document, how] : std::vector<std::pair<json, std::string>>{
              {{{"name", "x"}, {"nam", "y"}}, "key \"nam\""}, {{{"name", 1}}, "string, not unsigned integer"},
              {{{"name", json::object()}}, "string, not object"}, {1, "must be a JSON object"}})
-        for (const bool replace : {true, false})
-            EXPECT_THAT(thrownBy([&, &d = document] { config.setJSON(d, replace); }), HasSubstr(how));
+        EXPECT_THAT(thrownBy([&, &d = document] { config.setJSON(d, true); }), HasSubstr(how));
     EXPECT_EQ(contentOf(m_path), before);
     config.setJSON({{"name", "x"}, {"volumes", {{"bad", nullptr}}}}, false);
     EXPECT_EQ(stored(), json::parse(R"({"name": "x", "volumes": {"a.b": {"cowFileSizeMiB": 7, "autoExpand":
         {"disable": true}}}})"));
     config.setJSON({{"name", "y"}}, true);
     EXPECT_EQ(config.getJSON(), R"({"name":"y"})");
-    EXPECT_EQ(thrownBy([&] { config.validate(); }), "nothing");
     EXPECT_THAT(thrownBy([] { ConfigOptions({{{"a", JSONKeyValidator::Type::Bool}, 1}}); }), HasSubstr("(default)"));
 }
 
 TEST_F(StoreTest, TelemetryTellsWhatChanged)
 {
     const std::string directory = m_dir / "new/telemetry";
-    test::CapturingLogger log;
-    TelemetryStore store(directory, log.logger());
-    store.resetTelemetryData();
+    TelemetryStore store(directory, m_log.logger());
     const json first{{"sshd", {{"pid", 1}}}, {"cron", {{"pid", 2}}}};
     const json second{{"sshd", {{"pid", 7}}}};
-
     const auto [patch, existed] = store.diffAndUpdateServices(first);
     EXPECT_EQ(patch, json::parse(R"([{"op": "replace", "path": "", "value": )" + first.dump() + "}]"));
     EXPECT_FALSE(existed);
-    EXPECT_EQ(store.diffAndUpdateServices(first).patch, json::array());
     const auto changed = store.diffAndUpdateServices(second);
-    EXPECT_TRUE(changed.existed);
-    EXPECT_EQ(changed.patch.size(), 2U);
+    EXPECT_TRUE(changed.existed && changed.patch.size() == 2) << changed.patch;
     EXPECT_EQ(first.patch(changed.patch), second);
     EXPECT_FALSE(store.diffAndUpdateInstalledPrograms(second).existed);
     for (const char* const name : {"/Services.json", "/InstalledPrograms.json"})
         EXPECT_EQ(json::parse(contentOf(directory + name))["data"], second);
-
-    store.resetServicesData();
-    EXPECT_FALSE(store.diffAndUpdateServices({}).existed);
     store.resetTelemetryData();
-    EXPECT_TRUE(std::filesystem::is_empty(directory) && log.lines().empty());
+    EXPECT_TRUE(std::filesystem::is_empty(directory) && m_log.lines().empty());
 
     const std::string blocked = m_dir.file("file", "") + "/below";
-    const auto nothing = TelemetryStore(blocked, log.logger()).diffAndUpdateServices(first);
+    const auto nothing = TelemetryStore(blocked, m_log.logger()).diffAndUpdateServices(first);
     EXPECT_TRUE(nothing.patch.is_null() && !nothing.existed);
-    EXPECT_THAT(
-        log.lines(), testing::ElementsAre(StartsWith("1 Could not create Telemetry dir: '" + blocked + "'. Error: ")));
+    EXPECT_THAT(m_log.lines(),
+        testing::ElementsAre(StartsWith("1 Could not create Telemetry dir: '" + blocked + "'. Error: ")));
 }
 
 } // namespace

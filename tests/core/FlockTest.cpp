@@ -1,121 +1,90 @@
 #include "agent/Flock.h"
 #include "Support.h"
 
-#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <csignal>
 #include <optional>
 #include <thread>
+#include <tuple>
 
 namespace agent {
 namespace {
 
 using test::contentOf;
+using test::inChild;
 using test::posix;
 using test::thrownBy;
 
-// Runs the action in a child process and waits for it; true if it returned true.
-bool inChild(const std::function<bool()>& action)
-{
-    const pid_t child = ::fork();
-    if (child == 0) ::_exit(action() ? 0 : 1);
-    int status = -1;
-    ::waitpid(child, &status, 0);
-    return status == 0;
-}
-
-TEST(Flock, HasOneOwnerAmongProcesses)
-{
-    const test::TempDir dir;
-    const std::string path = dir.file("lock", "left behind by a longer process id");
-    const std::string held = posix("File already locked. File " + path, EWOULDBLOCK);
-    const auto descriptors = test::openDescriptors();
+class FlockTest : public test::FileFixture {
+protected:
+    bool isThere() const { return std::filesystem::exists(m_path); }
+    std::string takenBy(const std::string& path) const
     {
-        Flock lock(path);
-        lock.WritePid();
-        lock.WritePid();
-        EXPECT_EQ(contentOf(path), std::to_string(::getpid()));
-        EXPECT_EQ(thrownBy([&] { const Flock second(path); }), held);
-        EXPECT_TRUE(inChild([&] { return thrownBy([&] { const Flock second(path); }) == held; }));
-        EXPECT_EQ(contentOf(path), std::to_string(::getpid())) << "whoever is turned away leaves the file";
-        EXPECT_EQ(test::openDescriptors(), descriptors + 1);
+        return thrownBy([&] { Flock(path).WritePid(); });
     }
-    EXPECT_NE(::access(path.c_str(), F_OK), 0);
-    EXPECT_EQ(test::openDescriptors(), descriptors);
-}
 
-TEST(Flock, AForkSharesItUntilBothLetGo)
+    std::string m_path = m_dir / "lock";
+};
+
+TEST_F(FlockTest, HasOneOwnerAmongProcesses)
 {
-    const test::TempDir dir;
-    const std::string path = dir / "lock";
-    std::optional<Flock> lock(path);
+    (void)m_dir.file("lock", "left behind by a longer process id");
+    const std::string held = posix("File already locked. File " + m_path, EWOULDBLOCK);
+    std::optional<Flock> lock(m_path);
+    lock->WritePid();
+    lock->WritePid();
+    EXPECT_EQ(takenBy(m_path), held);
+    EXPECT_TRUE(inChild([&] { return takenBy(m_path) == held; }));
+    EXPECT_EQ(contentOf(m_path), std::to_string(::getpid())) << "whoever is turned away leaves the file";
+
     EXPECT_TRUE(inChild([&] { return lock.reset(), true; }));
-    EXPECT_NE(thrownBy([&] { const Flock second(path); }), "nothing") << "the parent has it still";
+    EXPECT_EQ(takenBy(m_path), held) << "a fork shares the lock, and the parent has it still";
     lock.reset();
-    EXPECT_NE(::access(path.c_str(), F_OK), 0);
+    EXPECT_FALSE(isThere());
 }
 
-TEST(Flock, ADeadOwnerDoesNotHoldItAndAnothersFileIsLeftAlone)
+TEST_F(FlockTest, ADeadOwnerDoesNotHoldItAndAnothersFileIsLeftAlone)
 {
-    const test::TempDir dir;
-    const std::string path = dir / "lock";
-    EXPECT_TRUE(inChild([&] { return (new Flock(path)) != nullptr; })) << "never released";
-    EXPECT_EQ(::access(path.c_str(), F_OK), 0);
+    EXPECT_TRUE(inChild([&] { return (new Flock(m_path)) != nullptr; })) << "never released";
+    EXPECT_TRUE(isThere());
     {
-        const Flock lock(path);
-        ::unlink(path.c_str());
-        (void)dir.file("lock", "another's");
+        const Flock lock(m_path);
+        std::filesystem::remove(m_path);
+        (void)m_dir.file("lock", "another's");
     }
-    EXPECT_EQ(contentOf(path), "another's");
+    EXPECT_EQ(contentOf(m_path), "another's");
 }
 
-TEST(Flock, FailuresNameTheFile)
+TEST_F(FlockTest, FailuresNameTheFile)
 {
-    const test::TempDir dir;
-    const auto descriptors = test::openDescriptors();
-    EXPECT_EQ(thrownBy([&] { const Flock lock(dir / "no/lock"); }),
-        posix("Unable to open lock file. File " + (dir / "no/lock"), ENOENT));
-    EXPECT_EQ(thrownBy([&] { const Flock lock(dir / "lock/"); }),
-        posix("Unable to open lock file. File " + (dir / "lock/"), EISDIR));
-
-    const std::string pipe = dir / "pipe";
+    const std::string pipe = m_dir / "pipe";
     ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
-    EXPECT_EQ(thrownBy([&] { Flock(pipe).WritePid(); }), posix("Unable to truncate lock file. File " + pipe, EINVAL));
-
+    for (const auto& [path, text, code] : {std::tuple(m_dir / "no/lock", "Unable to open lock file. File ", ENOENT),
+             {m_dir / "lock/", "Unable to open lock file. File ", EISDIR},
+             {pipe, "Unable to truncate lock file. File ", EINVAL}})
+        EXPECT_EQ(takenBy(path), posix(text + path, code));
     EXPECT_TRUE(inChild([&] {
         (void)std::signal(SIGXFSZ, SIG_IGN);
         const rlimit nothing{0, 0};
         ::setrlimit(RLIMIT_FSIZE, &nothing);
-        const std::string path = dir / "lock";
-        return thrownBy([&] { Flock(path).WritePid(); }) == posix("Unable to write to lock file. File " + path, EFBIG);
+        return takenBy(m_path) == posix("Unable to write to lock file. File " + m_path, EFBIG);
     }));
-    EXPECT_EQ(test::openDescriptors(), descriptors);
 }
 
 // Owners remove the file on release while others already wait with it open: the deleted file must not count.
-TEST(Flock, NeverHasTwoOwnersWhileProcessesTakeTurns)
+TEST_F(FlockTest, NeverHasTwoOwnersWhileProcessesTakeTurns)
 {
-    constexpr int kProcesses = 8;
-    constexpr int kTurns = 500;
-    const test::TempDir dir;
-    const std::string path = dir / "lock";
-    void* const shared = ::mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    ASSERT_NE(shared, MAP_FAILED);
-    auto* const owners = new (shared) std::atomic<int>(0);
-
     const auto takeTurns = [&] {
         bool alone = true;
-        for (int turns = 0; turns < kTurns;) {
+        for (int turns = 0; turns < 500;) {
             try {
-                const Flock lock(path);
-                alone = owners->fetch_add(1) == 0 && alone;
+                const Flock lock(m_path);
+                alone = ::mkdir((m_dir / "owned").c_str(), 0700) == 0 && alone;
                 std::this_thread::yield();
-                owners->fetch_sub(1);
+                ::rmdir((m_dir / "owned").c_str());
                 ++turns;
             } catch (const PosixError& e) {
                 if (e.code() != EWOULDBLOCK) return false;
@@ -124,18 +93,11 @@ TEST(Flock, NeverHasTwoOwnersWhileProcessesTakeTurns)
         }
         return alone;
     };
-    std::vector<pid_t> children;
-    for (int i = 0; i < kProcesses; ++i) {
-        children.push_back(::fork());
-        if (children.back() == 0) ::_exit(takeTurns() ? 0 : 1);
+    for (int i = 0; i < 8; ++i) {
+        if (::fork() == 0) ::_exit(takeTurns() ? 0 : 1);
     }
-    for (const pid_t child : children) {
-        int status = -1;
-        ::waitpid(child, &status, 0);
-        EXPECT_EQ(status, 0);
-    }
-    EXPECT_NE(::access(path.c_str(), F_OK), 0);
-    ::munmap(shared, 4096);
+    for (int status = 0; ::wait(&status) > 0;) EXPECT_EQ(status, 0);
+    EXPECT_FALSE(isThere());
 }
 
 } // namespace

@@ -40,21 +40,14 @@ namespace agent {
 namespace {
 
 using test::contentOf;
+using test::posix;
 using test::thrownBy;
 using testing::UnorderedElementsAre;
 
-class Operations : public testing::Test {
+class Operations : public test::FileFixture {
 protected:
-    ~Operations() override
-    {
-        EXPECT_EQ(test::openDescriptors(), m_descriptors);
-        EXPECT_EQ(g_inheritableOpens, 0);
-    }
+    ~Operations() override { EXPECT_EQ(g_inheritableOpens, 0); }
 
-    static void fails(const std::string& text, int code, const std::function<void()>& action)
-    {
-        EXPECT_EQ(thrownBy(action), std::string("posix: ") + PosixError(text, code).what());
-    }
     static std::string q(const Path& path) { return "\"" + path.u8string() + "\""; }
     static mode_t modeOf(const std::string& path)
     {
@@ -62,10 +55,7 @@ protected:
         return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
     }
 
-    test::TempDir dir;
-
-private:
-    decltype(test::openDescriptors()) m_descriptors = test::openDescriptors();
+    const test::TempDir& dir = m_dir;
 };
 
 TEST_F(Operations, AnswerQuestions)
@@ -92,53 +82,58 @@ TEST_F(Operations, NameTheCallAndThePathInTheirFailures)
     const Path none(dir / "none");
     const Path below = none / "x";
     const Path file = dir.file("file", "");
+    const Path link(dir / "link");
+    file::symlink(dir.path(), link);
     const std::string stat = "stat64(" + q(none) + ") failed";
-    fails(stat, ENOENT, [&] { file::size(none); });
-    fails(stat, ENOENT, [&] { file::getModifiedTime(none); });
-    fails(stat, ENOENT, [&] { file::findHardlinks(none); });
-    fails(stat, ENOENT, [&] { dir::volumeData(none); });
-    fails("std::remove(" + q(none) + ") failed", ENOENT, [&] { file::remove(none, false); });
-    fails("Couldn't open " + q(none) + " for removal", ENOENT, [&] { file::remove(none, true); });
-    fails("Couldn't open " + q(dir.path()) + " for removal", EISDIR, [&] { file::remove(dir.path(), true); });
-    fails("std::rename(" + q(none) + ", " + q(file) + ") failed", ENOENT, [&] { file::rename(none, file); });
-    fails("symlink(\"t\" -> " + q(file) + ") failed", EEXIST, [&] { file::symlink("t", file); });
-    fails("symlink(" + q(none) + " -> " + q(below) + ") failed", ENOENT, [&] { file::hardlink(none, below); });
-    fails("Path is not a symlink.", EINVAL, [&] { file::symlinkTarget(file); });
-    fails("Path is not a symlink.", ENOENT, [&] { file::symlinkTarget(none); });
-    fails("creat(" + q(below) + ") failed", ENOENT, [&] { file::truncate(below, 1); });
-    fails("ftruncate(" + q(file) + ") failed", EINVAL, [&] { file::truncate(file, 1UL << 63); });
-    fails("Could not create a temporary file", ENOENT, [&] { file::getTempFile(none, "x"); });
-    fails("opendir(" + q(none) + ") failed", ENOENT, [&] { dir::list(none); });
-    std::unordered_set<Path> found;
-    fails("opendir(" + q(none) + ") failed", ENOENT, [&] { dir::listFullPathRecursive(none, found, true); });
-    fails("dir::remove (" + q(none) + ") failed", ENOENT, [&] { dir::remove(none); });
-    fails("Failed to remove " + q(file) + " - not a directory", ENOTDIR, [&] { dir::remove(file); });
-    test::CapturingLogger log;
     const std::string notWritten = "Failed to write all content to: /dev/full";
-    fails("Failed to open: " + below.u8string(), ENOENT, [&] { truncateAndWrite(log.logger(), below, ""); });
-    fails(notWritten, ENOSPC, [&] { truncateAndWrite(log.logger(), "/dev/full", "x"); });
-    fails(notWritten, ENOSPC, [&] { BufferToFile("/dev/full", "x", "w"); });
-    EXPECT_TRUE(log.entries().empty());
+    std::unordered_set<Path> found;
+    struct Case {
+        std::string text;
+        int code;
+        std::function<void()> action;
+    };
+    for (const auto& [text, code, action] : std::vector<Case>{
+             {stat, ENOENT, [&] { file::size(none); }},
+             {stat, ENOENT, [&] { file::findHardlinks(none); }},
+             {stat, ENOENT, [&] { dir::volumeData(none); }},
+             {"std::remove(" + q(none) + ") failed", ENOENT, [&] { file::remove(none, false); }},
+             {"Couldn't open " + q(none) + " for removal", ENOENT, [&] { file::remove(none, true); }},
+             {"std::rename(" + q(none) + ", " + q(file) + ") failed", ENOENT, [&] { file::rename(none, file); }},
+             {"symlink(\"t\" -> " + q(file) + ") failed", EEXIST, [&] { file::symlink("t", file); }},
+             {"symlink(" + q(none) + " -> " + q(below) + ") failed", ENOENT, [&] { file::hardlink(none, below); }},
+             {"Path is not a symlink.", EINVAL, [&] { file::symlinkTarget(file); }},
+             {"Path is not a symlink.", ENOENT, [&] { file::symlinkTarget(none); }},
+             {"creat(" + q(below) + ") failed", ENOENT, [&] { file::truncate(below, 1); }},
+             {"ftruncate(" + q(file) + ") failed", EINVAL, [&] { file::truncate(file, 1UL << 63); }},
+             {"Could not create a temporary file", ENOENT, [&] { file::getTempFile(none, "x"); }},
+             {"opendir(" + q(none) + ") failed", ENOENT, [&] { dir::listFullPathRecursive(none, found, true); }},
+             {"dir::remove (" + q(none) + ") failed", ENOENT, [&] { dir::remove(none); }},
+             {"Failed to remove " + q(link) + " - not a directory", ENOTDIR, [&] { dir::remove(link); }},
+             {"dir::make directory is empty", EINVAL, [] { dir::make(Path(), true); }},
+             {"Copying " + q(file) + " -> " + q(below) + " failed - not copying non-directory", ENOTDIR,
+                 [&] { dir::copy(file, below); }},
+             {"Failed to open: " + below.u8string(), ENOENT, [&] { truncateAndWrite(m_log.logger(), below, ""); }},
+             {notWritten, ENOSPC, [&] { truncateAndWrite(m_log.logger(), "/dev/full", "x"); }},
+             {notWritten, ENOSPC, [&] { BufferToFile("/dev/full", "x", "w"); }},
+         })
+        EXPECT_EQ(thrownBy(action), posix(text, code));
+    EXPECT_TRUE(m_log.entries().empty());
 }
 
-TEST_F(Operations, RemoveGivesTheModeInDecimal)
+TEST_F(Operations, RemoveLinksMakeTemporaryFilesAndTruncate)
 {
     const std::string file = dir.file("file", "");
-    file::hardlink(file, dir / "second"); // still shows the mode after the removal
+    file::hardlink(file, dir / "second"); // still shows the mode after the removal: it is given in decimal
     file::remove(file, true);
     EXPECT_FALSE(file::exists(file));
     EXPECT_EQ(modeOf(dir / "second"), 01224U);
-}
 
-TEST_F(Operations, ReadLinksMakeTemporaryFilesAndTruncate)
-{
     const std::string longTarget = "/" + std::string(4094, 'x');
     file::symlink(longTarget, dir / "link");
     EXPECT_EQ(file::symlinkTarget(dir / "link").u8string(), longTarget);
     EXPECT_EQ(file::symlinkTarget("/proc/self/cwd"), dir::working()); // of size 0, says stat
 
     const Path made = file::getTempFile(dir.path(), "part_");
-    EXPECT_NE(made, file::getTempFile(dir.path(), "part_"));
     EXPECT_TRUE(made.u8string().starts_with(dir / "part_") && made.fileName().size() == 11) << made.u8string();
     EXPECT_EQ(modeOf(made.u8string()), 0600U);
 
@@ -151,14 +146,12 @@ TEST_F(Operations, ReadLinksMakeTemporaryFilesAndTruncate)
 TEST_F(Operations, RenameDuplicatePathFindsTheFirstFreeName)
 {
     dir::make(dir / "d.d/a.tar (2).gz", true);
-    for (const char* const taken : {"a.tar.gz", "a.tar (1).gz", "plain", "blank .txt", ".rc"}) {
+    for (const char* const taken : {"a.tar.gz", "a.tar (1).gz", "plain", "blank .txt", ".rc"})
         dir.file(std::string("d.d/") + taken, "");
-    }
     const std::pair<const char*, const char*> cases[] = {{"free", "free"}, {"a.tar.gz", "a.tar (3).gz"},
         {"plain", "plain (1)"}, {"blank .txt", "blank (1).txt"}, {".rc", " (1).rc"}};
-    for (const auto& [name, expected] : cases) {
+    for (const auto& [name, expected] : cases)
         EXPECT_EQ(file::renameDuplicatePath(Path(dir / "d.d") / name), Path(dir / "d.d") / expected);
-    }
 }
 
 TEST_F(Operations, CopyKeepsContentAndModeAndRefusesWhatWouldLoseData)
@@ -174,7 +167,8 @@ TEST_F(Operations, CopyKeepsContentAndModeAndRefusesWhatWouldLoseData)
     file::symlink(from, dir / "link");
     ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
     const auto refuses = [&](const Path& a, const Path& b, int code, bool overwrite = true, const char* why = "") {
-        fails("file::copy(" + q(a) + " -> " + q(b) + ") failed" + why, code, [&] { file::copy(a, b, overwrite); });
+        EXPECT_EQ(thrownBy([&] { file::copy(a, b, overwrite); }),
+            posix("file::copy(" + q(a) + " -> " + q(b) + ") failed" + why, code));
     };
     refuses(from, dir / "to", EEXIST, false, " - dest file exists");
     refuses(from, dir.path(), EISDIR, true, " - expected dest file name, not directory");
@@ -185,66 +179,55 @@ TEST_F(Operations, CopyKeepsContentAndModeAndRefusesWhatWouldLoseData)
     refuses(from, dir / "link", EINVAL); // itself, by another name
     EXPECT_EQ(contentOf(dir / "to"), "s");
     EXPECT_EQ(file::size(from), 1'000'000U);
-    const auto copyToFullDisk = [&] { // for which the file size limit stands in
+    EXPECT_TRUE(test::inChild([&] { // a full disk, for which the file size limit stands in
         (void)::signal(SIGXFSZ, SIG_IGN);
         const rlimit limit{600'000, 600'000};
         ::setrlimit(RLIMIT_FSIZE, &limit);
         refuses(from, dir / "half", EFBIG, false);
-        ::_exit(HasFailure() || file::exists(dir / "half") ? 1 : 0);
-    };
-    EXPECT_EXIT(copyToFullDisk(), testing::ExitedWithCode(0), "");
+        return !HasFailure() && !file::exists(dir / "half");
+    }));
 }
 
 TEST_F(Operations, MakeCreatesWhatIsMissing)
 {
     const Path deep = Path(dir / "a") / "b";
     const std::string begin = "dir::make(" + q(deep) + ")";
-    fails(begin + ", mkdir(" + q(deep) + ") failed", ENOENT, [&] { dir::make(deep, false); });
+    EXPECT_EQ(thrownBy([&] { dir::make(deep, false); }), posix(begin + ", mkdir(" + q(deep) + ") failed", ENOENT));
     for (int i = 0; i < 20; ++i) {
         const auto makeDeeper = [&] { EXPECT_NO_THROW(dir::make(deep / std::to_string(i) / "d/e/f", true)); };
         const std::jthread rivals[] = {std::jthread(makeDeeper), std::jthread(makeDeeper)};
     }
     dir::make(deep, false); // exists: success
     EXPECT_EQ(modeOf(deep.u8string()), 0755U);
-
-    fails("dir::make directory is empty", EINVAL, [] { dir::make(Path(), true); });
     const std::string file = dir.file("file", "");
-    for (const auto& path : {file, file + "/x/y"}) {
-        fails("dir::make(" + q(path) + "): " + q(file) + " already exists and is not a directory", ENOTDIR,
-            [&] { dir::make(path, true); });
-    }
+    for (const auto& path : {file, file + "/x/y"})
+        EXPECT_EQ(thrownBy([&] { dir::make(path, true); }),
+            posix("dir::make(" + q(path) + "): " + q(file) + " already exists and is not a directory", ENOTDIR));
 }
 
-TEST_F(Operations, RemoveNeverFollowsALink)
-{
-    dir::make(dir / "outside", false);
-    dir.file("outside/kept", "");
-    dir::make(dir / "tree/sub", true);
-    file::symlink(dir / "outside", dir / "tree/sub/link");
-    file::symlink(dir / "outside", dir / "link");
-    fails("Failed to remove " + q(dir / "link") + " - not a directory", ENOTDIR, [&] { dir::remove(dir / "link"); });
-    dir::remove(dir / "tree");
-    EXPECT_TRUE(!dir::isDirectory(dir / "tree") && file::exists(dir / "outside/kept"));
-}
-
-TEST_F(Operations, ListFullPathRecursiveWalksLoopsOnce)
+TEST_F(Operations, ListFullPathRecursiveWalksLoopsOnceAndRemoveFollowsNoLink)
 {
     dir::make(dir / "t/z/sub", true);
     dir.file("t/z/file", "");
     file::symlink(dir / "t", dir / "t/z/sub/loop");
     file::symlink(dir / "t/z", dir / "t/a"); // listed before "z", walked after it
     file::symlink("nowhere", dir / "t/dangling");
+    dir::make(dir / "outside", false);
+    dir.file("outside/kept", "");
+    file::symlink(dir / "outside", dir / "t/z/sub/out");
     const Path top(dir / "t");
     std::unordered_set<Path> all;
     dir::listFullPathRecursive(top, all, true);
-    EXPECT_THAT(all, UnorderedElementsAre(
-                         top / "z", top / "z/file", top / "z/sub", top / "z/sub/loop", top / "a", top / "dangling"));
+    EXPECT_THAT(all, UnorderedElementsAre(top / "z", top / "z/file", top / "z/sub", top / "z/sub/loop",
+                         top / "z/sub/out", top / "z/sub/out/kept", top / "a", top / "dangling"));
     std::unordered_set<Path> files{"kept"};
     dir::listFullPathRecursive(top, files, false);
-    EXPECT_THAT(files, UnorderedElementsAre("kept", top / "z/file"));
+    EXPECT_THAT(files, UnorderedElementsAre("kept", top / "z/file", top / "z/sub/out/kept"));
     std::unordered_set<Path> chosen; // a refused directory is walked all the same
     dir::listFullPathRecursive(top, chosen, [](const Path& path) { return path.fileName() == "loop"; });
     EXPECT_THAT(chosen, UnorderedElementsAre(top / "z/sub/loop"));
+    dir::remove(top);
+    EXPECT_TRUE(!dir::isDirectory(top) && file::exists(dir / "outside/kept"));
 }
 
 TEST_F(Operations, CopyTreeKeepsLinksModesAndWhatIsThere)
@@ -253,39 +236,32 @@ TEST_F(Operations, CopyTreeKeepsLinksModesAndWhatIsThere)
     dir.file("t/sub/file", "f");
     file::symlink("sub/file", dir / "t/link");
     ASSERT_EQ(::chmod((dir / "t/sub").c_str(), 0700), 0);
-    dir::make(dir / "copy", false);
-    dir.file("copy/own", "o");
-    dir::copy(dir / "t", dir / "copy");
-    EXPECT_EQ(contentOf(dir / "copy/sub/file") + contentOf(dir / "copy/own"), "fo");
-    EXPECT_EQ(file::symlinkTarget(dir / "copy/link"), Path("sub/file"));
-    EXPECT_EQ(modeOf(dir / "copy/sub"), 0700U);
-
-    const auto refuses = [&](const Path& a, const Path& b, const std::string& why, int code) {
-        fails("Copying " + q(a) + " -> " + q(b) + " failed - " + why, code, [&] { dir::copy(a, b); });
-    };
-    refuses(dir / "copy/own", dir / "x", "not copying non-directory", ENOTDIR);
-    EXPECT_NE(thrownBy([&] { dir::copy(dir / "t", dir / "copy"); }), "nothing"); // nothing is overwritten
+    dir::make(dir / "t2", false); // begins with the same letters, lies beside it
+    dir.file("t2/own", "o");
+    dir::copy(dir / "t", dir / "t2");
+    EXPECT_EQ(contentOf(dir / "t2/sub/file") + contentOf(dir / "t2/own"), "fo");
+    EXPECT_EQ(file::symlinkTarget(dir / "t2/link"), Path("sub/file"));
+    EXPECT_EQ(modeOf(dir / "t2/sub"), 0700U);
+    EXPECT_NE(thrownBy([&] { dir::copy(dir / "t", dir / "t2"); }), "nothing"); // nothing is overwritten
 
     file::symlink(dir / "t", dir / "link");
-    const auto refusesInside = [&](const Path& a, const Path& b) {
-        refuses(a, b, "destination lies inside the source", EINVAL); // a copy would never end
+    const auto refusesInside = [&](const Path& a, const Path& b) { // a copy would never end
+        EXPECT_EQ(thrownBy([&] { dir::copy(a, b); }),
+            posix("Copying " + q(a) + " -> " + q(b) + " failed - destination lies inside the source", EINVAL));
     };
     for (const std::string& inside : {dir / "t", dir / "t/sub/new", dir / "link/new"}) refusesInside(dir / "t", inside);
-    dir::copy(dir / "t", dir / "t2"); // begins with the same letters, lies beside it
-    const auto copyFromWithin = [&] {
+    EXPECT_TRUE(test::inChild([&] {
         std::filesystem::current_path(dir / "t");
         refusesInside(".", "sub/new");
         dir::remove(dir / "t");
-        fails("stat64(\".\") failed", ENOENT, [] { dir::working(); });
-        ::_exit(HasFailure() ? 1 : 0);
-    };
-    EXPECT_EXIT(copyFromWithin(), testing::ExitedWithCode(0), "");
+        return !HasFailure() && thrownBy([] { dir::working(); }) == posix("stat64(\".\") failed", ENOENT);
+    }));
 }
 
 TEST_F(Operations, TempIsTheFirstVariableThatIsNotEmpty)
 {
     for (const char* const name : {"TMPDIR", "TMP", "TEMP", "TEMPDIR"}) ::unsetenv(name);
-    EXPECT_EQ(dir::temp(), dir::root() / "tmp");
+    EXPECT_EQ(dir::temp(), Path("/tmp"));
     ::setenv("TEMPDIR", "/4", 1);
     ::setenv("TMP", "/2/", 1);
     ::setenv("TMPDIR", "", 1);
@@ -295,9 +271,8 @@ TEST_F(Operations, TempIsTheFirstVariableThatIsNotEmpty)
 
 TEST_F(Operations, WritersReplaceOrAppend)
 {
-    test::CapturingLogger log;
     const std::string file = dir.file("file", "old and longer");
-    truncateAndWrite(log.logger(), file, "new");
+    truncateAndWrite(m_log.logger(), file, "new");
     BufferToFile(file, "0123456789", "a", 2, 3, '\n');
     BufferToFile(file, "0123456789", "a", 8);
     BufferToFile(file, "0123456789", "a", 99, 3);

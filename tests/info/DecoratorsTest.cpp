@@ -2,7 +2,6 @@
 #include "Support.h"
 
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -33,12 +32,12 @@ protected:
         ::setenv("TZ", zone, 1);
         ::tzset();
     }
-    static std::string threadPrefix(long id)
+    static std::string threadPrefix()
     {
-        const std::string digits = std::to_string(id);
-        return "[TID " + std::string(7 - std::min<std::size_t>(digits.size(), 7), '0') + digits + "] ";
+        const std::string digits = std::to_string(::syscall(SYS_gettid));
+        return "[TID " + std::string(7 - digits.size(), '0') + digits + "] ";
     }
-    static long kernelThreadId() { return ::syscall(SYS_gettid); }
+    std::string stamp(Time when) const { return m_date.decorate("", Logger::INFO, when); }
 
     DateDecorator m_date;
     ThreadIdDecorator m_thread;
@@ -52,15 +51,13 @@ TEST_F(Decorators, MakeALineAndTakeItApart)
 {
     setZone("CET-1CEST,M3.5.0,M10.5.0/3");
     const std::string line = m_all.decorate("Started\n", Logger::INFO, kWhen);
-    EXPECT_EQ(line, "2024-05-01T10:34:56.789Z 2024-05-01T12:34:56.789+0200 " + threadPrefix(kernelThreadId()) +
-                        "[INFO:]     Started\n");
+    EXPECT_EQ(
+        line, "2024-05-01T10:34:56.789Z 2024-05-01T12:34:56.789+0200 " + threadPrefix() + "[INFO:]     Started\n");
     EXPECT_EQ(m_all.undecorate(line, m_level, m_when), "Started\n");
     EXPECT_EQ(m_level, Logger::INFO);
     EXPECT_EQ(m_when, kWhen);
-    EXPECT_EQ(MultiDecorator({}).decorate("as it is", Logger::INFO, kWhen), "as it is");
-
     setZone("AAA+4"); // within the same second
-    EXPECT_EQ(m_date.decorate("", Logger::INFO, kWhen).substr(25), "2024-05-01T06:34:56.789-0400 ");
+    EXPECT_EQ(stamp(kWhen).substr(25), "2024-05-01T06:34:56.789-0400 ");
 }
 
 TEST_F(Decorators, WorkInTheDestructorsOfStaticObjects)
@@ -78,90 +75,65 @@ TEST_F(Decorators, WorkInTheDestructorsOfStaticObjects)
     EXPECT_EXIT(end(), testing::ExitedWithCode(0), "^2024-05-01T10:34:56.789Z 2024-.*\\] \\[INFO:\\]     over");
 }
 
-TEST_F(Decorators, RoundTimesDownToTheMillisecond)
-{
-    setZone("UTC0");
-    const auto stamp = [&](auto time) { return m_date.decorate("", Logger::INFO, Time(time)).substr(0, 24); };
-    EXPECT_EQ(stamp(1us), "1970-01-01T00:00:00.000Z");
-    EXPECT_EQ(stamp(-1us), "1969-12-31T23:59:59.999Z");
-    EXPECT_EQ(stamp(-1s), "1969-12-31T23:59:59.000Z");
-    EXPECT_EQ(stamp(59s + 7ms), "1970-01-01T00:00:59.007Z");
-}
-
-TEST_F(Decorators, TellTheTimeInTheHourThatRepeats)
+TEST_F(Decorators, RoundTimesDownAndTellTheHourThatRepeats)
 {
     setZone("CET-1CEST,M3.5.0,M10.5.0/3"); // at 01:00 UTC on 27 October 2024 the clock goes back from 03:00 to 02:00
+    EXPECT_EQ(stamp(Time(1us)), "1970-01-01T00:00:00.000Z 1970-01-01T01:00:00.000+0100 ");
+    EXPECT_EQ(stamp(Time(-1us)), "1969-12-31T23:59:59.999Z 1970-01-01T00:59:59.999+0100 ");
     const Time change = std::chrono::sys_days(std::chrono::October / 27 / 2024) + 1h;
-    EXPECT_EQ(m_date.decorate("", Logger::INFO, change - 1ms).substr(25), "2024-10-27T02:59:59.999+0200 ");
-    EXPECT_EQ(m_date.decorate("", Logger::INFO, change).substr(25), "2024-10-27T02:00:00.000+0100 ");
+    EXPECT_EQ(stamp(change - 1ms).substr(25), "2024-10-27T02:59:59.999+0200 ");
+    EXPECT_EQ(stamp(change).substr(25), "2024-10-27T02:00:00.000+0100 ");
     for (Time time = change - 2h; time < change + 2h; time += 7min + 1ms) {
-        EXPECT_EQ(m_date.undecorate(m_date.decorate("x", Logger::INFO, time), m_level, m_when), "x");
+        EXPECT_EQ(m_date.undecorate(stamp(time) + "x", m_level, m_when), "x");
         EXPECT_EQ(m_when, time);
     }
 }
 
 TEST_F(Decorators, ShowTheThreadAlsoAfterAFork)
 {
-    const auto isShown = [this] {
-        return m_thread.decorate("m", Logger::INFO, kWhen) == threadPrefix(kernelThreadId()) + "m";
-    };
+    const auto isShown = [this] { return m_thread.decorate("m", Logger::INFO, kWhen) == threadPrefix() + "m"; };
     EXPECT_TRUE(isShown());
     std::thread([&] { EXPECT_TRUE(isShown()); }).join();
-    EXPECT_TRUE(isShown());
-    for (const bool raw : {false, true}) { // the second one passes the C library by
-        const auto child = static_cast<pid_t>(raw ? ::syscall(SYS_clone, SIGCHLD, 0, 0, 0, 0) : ::fork());
-        if (child == 0) ::_exit(isShown() ? 0 : 1);
-        int status = -1;
-        ::waitpid(child, &status, 0);
-        EXPECT_EQ(status, 0) << raw;
-    }
+    EXPECT_TRUE(test::inChild(isShown));
+    const auto passingTheLibraryBy = [] { return static_cast<pid_t>(::syscall(SYS_clone, SIGCHLD, 0, 0, 0, 0)); };
+    EXPECT_TRUE(test::inChild(isShown, passingTheLibraryBy));
 }
 
 TEST_F(Decorators, TakeOffNothingButTheirOwnPrefix)
 {
     const std::string digits(1'000'000, '7');
     for (const std::string line :
-        {"", "[TID ]  x", "[TID 12", "[TID 1x] m", " [TID 1] m", "TID 1] m", "m [TID 0000001] "}) {
+        {"", "[TID ]  x", "[TID 12", "[TID 1x] m", " [TID 1] m", "[INFO:]    x", "[info:]     x"}) {
         EXPECT_EQ(m_thread.undecorate(line, m_level, m_when), line);
         EXPECT_EQ(m_tag.undecorate(line, m_level, m_when), line);
     }
     EXPECT_EQ(m_thread.undecorate("[TID " + digits, m_level, m_when), "[TID " + digits);
     EXPECT_EQ(m_thread.undecorate("[TID " + digits + "]  [TID 1] m", m_level, m_when), " [TID 1] m");
-    for (const std::string line : {"[INFO:]", "[INFO:]    x", "[info:]     x", " [INFO:]     x"})
-        EXPECT_EQ(m_tag.undecorate(line, m_level, m_when), line);
     EXPECT_EQ(m_level, Logger::DEBUG);
     EXPECT_EQ(m_tag.undecorate("[CRITICAL:] [ERROR:]    x", m_level, m_when), "[ERROR:]    x");
     EXPECT_EQ(m_level, Logger::CRITICAL);
-    EXPECT_EQ(m_when, Time());
 }
 
 TEST_F(Decorators, RefuseALineWithoutADate)
 {
     const std::string utc = "2024-05-01T10:34:56.789Z ";
     const std::string local = "2024-05-01T12:34:56.789+0200 ";
-    for (const std::string& line : {std::string(), std::string("x"), utc, utc + "x", ' ' + utc + local,
+    for (const std::string& line : {std::string(), std::string(1'000'000, 'x'), utc, utc + "x", ' ' + utc + local,
              utc + local.substr(0, local.size() - 1), utc + utc, "2024-02-30T10:34:56.789Z " + local,
              "2024-05-01T24:34:56.789Z " + local, "9999-05-01T10:34:56.789Z " + local,
              "2024-05-01 10:34:56.789Z " + local, "2024-05-01T10:34:56.789  " + local}) {
         EXPECT_EQ(test::thrownBy([&] { (void)m_date.undecorate(line, m_level, m_when); }),
-            test::posix("Could not parse date out of formatted log message: " + line, EINVAL));
+            test::posix("Could not parse date out of formatted log message: " + line.substr(0, 80), EINVAL));
     }
-    EXPECT_LT(
-        test::thrownBy([&] { (void)m_date.undecorate(std::string(1'000'000, 'x'), m_level, m_when); }).size(), 300);
     EXPECT_EQ(m_when, Time());
 }
 
 TEST_F(Decorators, HaveATagForEachLevelAndNoOther)
 {
-    const std::vector<std::string> tags{"[CRITICAL:] ", "[ERROR:]    ", "[WARNING:]  ", "[INFO:]     ", "[DEBUG:]    "};
-    for (int level = -1; level <= 5; ++level) {
-        const auto decorate = [&] { return m_tag.decorate("m", static_cast<Logger::Level>(level), kWhen); };
-        if (level < 0 || level > 4) {
-            EXPECT_EXIT((void)decorate(), testing::KilledBySignal(SIGABRT), "");
-        } else {
-            EXPECT_EQ(decorate(), tags.at(static_cast<std::size_t>(level)) + "m");
-        }
-    }
+    const char* const tags[] = {"[CRITICAL:] m", "[ERROR:]    m", "[WARNING:]  m", "[INFO:]     m", "[DEBUG:]    m"};
+    const auto decorate = [&](int level) { return m_tag.decorate("m", static_cast<Logger::Level>(level), kWhen); };
+    for (int level = 0; level < 5; ++level) EXPECT_EQ(decorate(level), tags[level]);
+    for (const int level : {-1, 5}) EXPECT_EXIT((void)decorate(level), testing::KilledBySignal(SIGABRT), "");
 }
 
 } // namespace

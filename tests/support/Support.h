@@ -7,6 +7,8 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -85,6 +87,29 @@ inline auto openDescriptors()
 {
     const std::filesystem::directory_iterator all("/proc/self/fd");
     return std::distance(begin(all), end(all));
+}
+
+/// A directory and a logger for each test, which must leak no descriptor.
+class FileFixture : public testing::Test {
+protected:
+    ~FileFixture() override { EXPECT_EQ(openDescriptors(), m_descriptors); }
+
+private:
+    decltype(openDescriptors()) m_descriptors = openDescriptors();
+
+protected:
+    TempDir m_dir;
+    CapturingLogger m_log;
+};
+
+/// Runs the action in a forked process; true if it returned true there.
+inline bool inChild(const std::function<bool()>& action, pid_t (*fork)() = ::fork)
+{
+    const pid_t child = fork();
+    if (child == 0) ::_exit(action() ? 0 : 1);
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    return status == 0;
 }
 
 /// What an action throws, as "kind: text"; "nothing" if it does not throw.

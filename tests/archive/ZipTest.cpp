@@ -94,14 +94,12 @@ TEST_F(ZipTest, WhatItPacksOthersUnpackAndTheOtherWayRound)
         const std::string bytes = test::contentOf(archive);
         EXPECT_EQ(bytes.substr(bytes.find("PK\1\2") + 12, 4), "\0\0\x20\0"s) << "day 0 of January 1980";
     }
+    run("printf target > in/target && ln -s target in/link"); // comes out as a plain file, of the same content
     for (const std::string options : {"-0", "-9", "-fz", "-P secret", "-0 -P secret", "-fz -P secret"}) {
-        run("rm -rf a.zip out && cd in && zip -qr " + options + " ../a.zip .");
+        run("rm -rf a.zip out && cd in && zip -qry " + options + " ../a.zip .");
         ASSERT_EQ(extract("secret"), "nothing") << options;
-        run("diff -r in out");
+        run("diff -r in out && [ ! -L out/link ]");
     }
-    run("rm -rf a.zip out && ln -s /etc/passwd link && zip -qy a.zip link");
-    ASSERT_EQ(extract(), "nothing");
-    run("[ ! -L out/link ] && [ \"$(cat out/link)\" = /etc/passwd ]");
 }
 
 TEST_F(ZipTest, RefusesHostileEntriesAndLeavesNothingBehind)
@@ -122,10 +120,8 @@ TEST_F(ZipTest, RefusesHostileEntriesAndLeavesNothingBehind)
         {"shorter than it says", {.size = 15}},
         {"longer than it says", {.size = 13}},
         {"no deflate stream", {.data = "\xFF????", .method = 8}},
-        {"deflate stream without an end", {.data = "J", .method = 8}},
         {"beyond deflate's ratio", {.data = "\x03\0"s, .size = 3 * 1032, .method = 8}},
         {"more than the archive", {.more = 200}},
-        {"not a size of 64 bits", {.size = 0xFFFFFFFF}},
         {"unknown method", {.method = 12}, kNotOpened + ". Compression method 12 is not supported: f"},
         {"modern encryption", {.method = 99, .flags = 1}, kNotOpened + ". Only traditional encryption is supported: f"},
         {"no password", {.data = kSecret, .flags = 9}, kBadPassword, ""},
@@ -138,11 +134,6 @@ TEST_F(ZipTest, RefusesHostileEntriesAndLeavesNothingBehind)
         dir.file("a.zip", archiveOf({entry}));
         EXPECT_EQ(extract(password), expected) << why;
         run("[ \"$(find . -type f)\" = ./a.zip ]");
-    }
-    const std::string whole = archiveOf({{.data = kSecret, .flags = 9}, {.name = "../g"}});
-    for (std::size_t size = 0; size < whole.size(); ++size) {
-        dir.file("a.zip", whole.substr(0, size));
-        EXPECT_NE(extract("secret", true), "nothing") << size;
     }
 }
 
@@ -186,8 +177,6 @@ TEST_F(ZipTest, TellsWhatItCouldNotPackAndLeavesNoArchive)
     EXPECT_EQ(compress({{std::string(65'536, 'n'), source}}, archive), notOpened + "-102");
     EXPECT_EQ(compress({{"f\0g"s, source}}, archive), notOpened + "-102");
     EXPECT_FALSE(std::filesystem::exists(archive));
-    EXPECT_EQ(compress({}, archive), "nothing");
-    EXPECT_EQ(std::filesystem::file_size(archive), 22U);
 
     const int next = ::dup(0); // the number that the archive will have, to pack what the kernel tells of it
     (void)::close(next);

@@ -54,15 +54,12 @@ TEST(BitRangeFinder, CountsBeyondFourBillionBits)
     ::munmap(map, kBits / 8);
 }
 
-TEST(U64RangeFinder, FindsRunsOfWords)
+TEST(BitRangeFinderFactory, MakesFindersThatRefuseBadArguments)
 {
     const std::vector<std::uint64_t> words{0, 5, 7, 0, 0, 1UL << 63};
     EXPECT_EQ(U64RangeFinder(true).findRanges(words.data(), 6), (Ranges{{1, 2}, {5, 1}}));
     EXPECT_EQ(U64RangeFinder(false).findRanges(words.data(), 5), (Ranges{{0, 1}, {3, 2}}));
-}
 
-TEST(BitRangeFinderFactory, MakesFindersThatRefuseBadArguments)
-{
     using Factory = BitRangeFinderFactory;
     const std::vector<std::uint64_t> map{0x8001}; // a word other than 0
     const auto find = [](int type, bool a, bool b, const void* of, unsigned long size) {

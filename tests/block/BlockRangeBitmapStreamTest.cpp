@@ -6,6 +6,7 @@
 #include <climits>
 #include <set>
 #include <sstream>
+#include <tuple>
 
 namespace agent {
 namespace {
@@ -26,14 +27,8 @@ std::string written(unsigned long blocks, const Ranges& ranges, bool msbFirst)
 
 TEST(BlockRangeBitmapStream, PutsEachBlockInItsPlace)
 {
-    struct Case {
-        const char* why;
-        unsigned long blocks;
-        Ranges ranges;
-        std::string msbFirst;
-        std::string lsbFirst;
-    };
-    const Case cases[] = {
+    // why, blocks, ranges, bitmap with the most and with the least significant bit first
+    const std::tuple<const char*, unsigned long, Ranges, std::string, std::string> cases[] = {
         {"no blocks: one zero byte", 0, {}, "\0???"s, "\0???"s},
         {"across two bytes", 9, {{3, 6}}, "\x1F\x80??"s, "\xF8\x01??"s},
         {"whole bytes between", 32, {{7, 18}}, "\x01\xFF\xFF\x80"s, "\x80\xFF\xFF\x01"s},
@@ -62,8 +57,7 @@ TEST(BlockRangeBitmapStream, RefusesRangesThatDoNotFit)
     const std::string tooFar = "logic: Cannot write byte past the max size of the bitmap. Stream Offset: ";
     EXPECT_EQ(failure(stream, 8, 4, {{8, 16}}), tooFar + "6");
     EXPECT_EQ(stream.str().substr(4), "\0\xFF\0\0"s + "89"); // the tolerated byte was written
-    for (const unsigned long start : {0UL, 1UL, 7UL})
-        EXPECT_EQ(failure(stream, 8, 4, {{start, ULONG_MAX}}), tooFar + "6") << start;
+    EXPECT_EQ(failure(stream, 8, 4, {{1, ULONG_MAX}}), tooFar + "6");
     EXPECT_EQ(failure(stream, 8, 4, {{24, 8}}), tooFar + "7");
     stream.setstate(std::ios::failbit);
     EXPECT_EQ(failure(stream, 8, 0, {}), "runtime: Bitmap file stream is in failed state.");
@@ -95,15 +89,11 @@ struct ScriptedBuffer : std::stringbuf {
 
 TEST(BlockRangeBitmapStream, TellsWhichStepFailed)
 {
-    struct Case {
-        ScriptedBuffer::Calls ScriptedBuffer::*calls;
-        int failing;
-        std::string expected;
-    };
     const std::string toClear = "Failed to seek to offset in bitmap file.";
     const std::string toWrite = "Failed to seek to offset to write block ranges in bitmap file.";
     using Buffer = ScriptedBuffer;
-    const Case cases[] = {{&Buffer::seeks, 1, test::posix(toClear + " Offset: 0", ESPIPE)},
+    const std::tuple<Buffer::Calls Buffer::*, int, std::string> cases[] = {
+        {&Buffer::seeks, 1, test::posix(toClear + " Offset: 0", ESPIPE)},
         {&Buffer::tells, 1, "runtime: " + toClear + " Expected: 0 | Actual: -1"},
         {&Buffer::writes, 1, test::posix("Failed to clear bitmap in bitmap file.", ENOSPC)},
         {&Buffer::seeks, 3, test::posix(toWrite + " Offset: 8", ESPIPE)},

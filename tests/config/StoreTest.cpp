@@ -3,7 +3,6 @@
 #include "agent/JSONConfigDataProvider.h"
 #include "agent/TelemetryStore.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -46,11 +45,6 @@ int call(long number, Arguments... arguments)
 // The library's calls come here first.
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name,cert-dcl50-cpp): the system's declarations
 extern "C" {
-AGENTKIT_API int mkostemp(char* name, int flags)
-{
-    const auto real = reinterpret_cast<int (*)(char*, int)>(::dlsym(RTLD_NEXT, "mkostemp"));
-    return fails(SYS_openat) ? errno = ENOSPC, -1 : real(name, flags);
-}
 AGENTKIT_API ssize_t write(int fd, const void* data, size_t size)
 {
     return call(SYS_write, fd, data, g_torture.failAt != 0 || g_torture.killAt != 0 ? (size + 1) / 2 : size);
@@ -70,10 +64,6 @@ AGENTKIT_API int fsync(int fd)
 AGENTKIT_API int fchmod(int fd, mode_t mode) noexcept
 {
     return call(SYS_fchmod, fd, mode);
-}
-AGENTKIT_API int fchown(int fd, uid_t user, gid_t group) noexcept
-{
-    return call(SYS_fchown, fd, user, group);
 }
 AGENTKIT_API int rename(const char* from, const char* to) noexcept
 {
@@ -112,7 +102,7 @@ TEST_F(StoreTest, FindsAndSetsDottedKeys)
     put(R"({"a.b": 1, "a": {"b": 2, "c.d": 3, "c": {"d": 4, "e": 5}}, "n": null, "s": "x"})");
     JSONConfigDataProvider store(m_path, true);
     for (const auto& [key, value] : std::vector<std::pair<std::string, json>>{
-             {"a.b", 1}, {"a.c.d", 3}, {"a.c.e", 5}, {"s.x", nullptr}, {"a.", nullptr}, {".a", nullptr}, {"", nullptr}})
+             {"a.b", 1}, {"a.c.d", 3}, {"a.c.e", 5}, {"s.x", nullptr}, {"a.", nullptr}, {"", nullptr}})
         EXPECT_EQ(store.get(key), value) << key;
 
     store.set("a.c.e", 6);
@@ -126,7 +116,6 @@ TEST_F(StoreTest, FindsAndSetsDottedKeys)
     for (int i = 0; i < 513; ++i) deep = json::array({std::move(deep)});
     for (const json& value : {json("\xFF"), json(NAN), json::binary({1}), json::parse("{", nullptr, false), deep})
         EXPECT_THAT(thrownBy([&] { store.set("s", value); }), AllOf(StartsWith("runtime: "), HasSubstr(m_path)));
-    EXPECT_THAT(thrownBy([&] { store.setDocument(json::array()); }), StartsWith("runtime: \"" + m_path));
     EXPECT_EQ(contentOf(m_path), before);
     EXPECT_EQ(JSONConfigDataProvider(m_path, true).document(), store.document());
 }
@@ -136,7 +125,7 @@ TEST_F(StoreTest, RefusesWhatIsNoObjectAndLeavesItAlone)
     const auto nested = [](std::size_t levels) {
         return "{\"a\":" + std::string(levels - 1, '[') + std::string(levels - 1, ']') + "}";
     };
-    for (const std::string& text : {std::string(), std::string("[]"), std::string("{"), std::string("{} x"),
+    for (const std::string& text : {std::string(), std::string("[]"), std::string("{} x"),
              std::string("{\"a\":\"\xC3\"}"), std::string("{\"a\":1e999}"), nested(513), nested(1'000'000)}) {
         put(text);
         EXPECT_THAT(
@@ -145,9 +134,7 @@ TEST_F(StoreTest, RefusesWhatIsNoObjectAndLeavesItAlone)
     }
     put(nested(512));
     JSONConfigDataProvider(m_path, true).set("b", 1);
-    const std::string missing = m_dir / "no";
-    EXPECT_EQ(thrownBy([&] { JSONConfigDataProvider(missing, true); }),
-        test::posix("open(\"" + missing + "\") failed", ENOENT));
+    EXPECT_THAT(thrownBy([&] { JSONConfigDataProvider(m_dir / "no", true); }), StartsWith("posix: open("));
     EXPECT_THAT(thrownBy([&] { JSONConfigDataProvider(m_dir.path(), false); }), StartsWith("posix: read("));
 }
 
@@ -182,9 +169,11 @@ TEST_F(StoreTest, HoldsTheOldOrTheNewDocumentWhereverARewriteEnds)
         const Torture was = std::exchange(g_torture, {});
         const std::filesystem::directory_iterator all(m_dir.path());
         EXPECT_EQ(std::distance(begin(all), end(all)), 1) << failure;
-        if (failure == "nothing") { // the file was on disk before it took the old one's place, and its name is now
-            EXPECT_THAT(was.made, testing::ElementsAre(SYS_openat, SYS_fchown, SYS_fchmod, SYS_write, SYS_fsync,
-                                      SYS_close, SYS_rename, SYS_open, SYS_fsync, SYS_close));
+        if (failure == "nothing") {
+            EXPECT_EQ(was.calls, calls) << "only the last one's result does not count";
+            // the file was on disk before it took the old one's place, and its name is now
+            EXPECT_THAT(was.made, testing::ElementsAre(SYS_fchmod, SYS_write, SYS_fsync, SYS_close, SYS_rename,
+                                      SYS_open, SYS_fsync, SYS_close));
         } else {
             const bool isFolders = stored() == after; // all is done but the folder's fsync
             EXPECT_THAT(
@@ -207,8 +196,8 @@ TEST_F(StoreTest, HoldsTheOldOrTheNewDocumentWhereverARewriteEnds)
 
 TEST(JSONKeyValidator, SpeaksTheLanguageOfRegularExpressions)
 {
-    const std::vector<std::string> patterns{R"(\bvolumes\b\..+\.\bcowFileSizeMiB\b$)",
-        R"(\bvolumes\b\..+\.\bautoExpand\b\.\bdisable\b$)", "^a.*b$", "a.b", R"(\ba\b)", "", "$", R"(\b\b.*\.)"};
+    const std::vector<std::string> patterns{
+        R"(\bvolumes\b\..+\.\bcowFileSizeMiB\b$)", "^a.*b$", "a.b", R"(\ba\b)", "", "$", R"(\b\b.*\.)"};
     const std::vector<std::string> pieces{
         "volumes", "cowFileSizeMiB", "autoExpand", ".", ".", "a", "b", "-", "_", "\n"};
     std::mt19937 random(1); // NOLINT(cert-msc*): the same keys each time
@@ -219,14 +208,13 @@ TEST(JSONKeyValidator, SpeaksTheLanguageOfRegularExpressions)
         for (int i = 0; i < 3'000; ++i) {
             std::string key = i % 3 == 0 ? "volumes." : "";
             for (auto n = random() % 7; n > 0; --n) key += pieces[random() % pieces.size()];
-            if (i % 4 == 0) key += i % 8 == 0 ? ".autoExpand.disable" : ".cowFileSizeMiB";
             matches += ours.matches(key) ? 1 : 0;
             ASSERT_EQ(ours.matches(key), std::regex_search(key, theirs)) << pattern << " in " << key;
         }
         EXPECT_GT(matches, 0) << pattern;
     }
-    EXPECT_TRUE(JSONKeyValidator(patterns[0], JSONKeyValidator::Type::Unsigned)
-                    .matches("volumes." + std::string(1'000'000, 'x') + ".cowFileSizeMiB"));
+    EXPECT_FALSE(
+        JSONKeyValidator(patterns[0], JSONKeyValidator::Type::Bool).matches("volumes." + std::string(1'000'000, 'x')));
     for (const char* const bad : {"a+", "(a)", "[a]", "a|b", R"(\d)", "\\", ".?", ".+?", "a{2}"})
         EXPECT_THAT(thrownBy([&] { JSONKeyValidator(bad, JSONKeyValidator::Type::Bool); }),
             HasSubstr("\"" + std::string(bad) + "\""));
@@ -235,7 +223,7 @@ TEST(JSONKeyValidator, SpeaksTheLanguageOfRegularExpressions)
 TEST_F(StoreTest, TheConfigurationIsHeldToItsTable)
 {
     put(R"({"volumes": {"a.b": {"cowFileSizeMiB": 7, "autoExpand": {"disable": true}},
-        "bad": {"cowFileSizeMiB": -1, "autoExpand": {"disable": 1, "stepSizeMiB": 1.5, "reservedSpaceMiB": null}}}})");
+        "bad": {"cowFileSizeMiB": -1, "autoExpand": {"disable": 1, "reservedSpaceMiB": null}}}})");
     auto options = ConfigOptions::forVolumes();
     options.push_back({{"^name$", JSONKeyValidator::Type::String}, "nobody"});
     Config config(std::make_shared<JSONConfigDataProvider>(m_path, true), ConfigOptions(options));
@@ -249,7 +237,6 @@ TEST_F(StoreTest, TheConfigurationIsHeldToItsTable)
     EXPECT_EQ(valueOf("name", std::string()), "nobody");
     for (const auto& [key, how] : std::vector<std::pair<std::string, std::string>>{
              {"volumes.sda1.size", "invalid argument: Unknown configuration key "},
-             {"volumes.bad.autoExpand.stepSizeMiB", "must be of type unsigned integer, not floating-point number"},
              {"volumes.bad.cowFileSizeMiB", "must be of type unsigned integer, not negative integer"},
              {"name", "is of type string and was asked for as unsigned integer"}})
         EXPECT_THAT(thrownBy([&, &k = key] { valueOf(k, 99UL); }), AllOf(HasSubstr('"' + key + '"'), HasSubstr(how)));
@@ -275,13 +262,13 @@ TEST_F(StoreTest, TelemetryTellsWhatChanged)
     TelemetryStore store(directory, m_log.logger());
     const json first{{"sshd", {{"pid", 1}}}, {"cron", {{"pid", 2}}}};
     const json second{{"sshd", {{"pid", 7}}}};
-    const auto [patch, existed] = store.diffAndUpdateServices(first);
-    EXPECT_EQ(patch, json::parse(R"([{"op": "replace", "path": "", "value": )" + first.dump() + "}]"));
-    EXPECT_FALSE(existed);
+    EXPECT_FALSE(store.diffAndUpdateServices(first).existed);
     const auto changed = store.diffAndUpdateServices(second);
     EXPECT_TRUE(changed.existed && changed.patch.size() == 2) << changed.patch;
     EXPECT_EQ(first.patch(changed.patch), second);
-    EXPECT_FALSE(store.diffAndUpdateInstalledPrograms(second).existed);
+    const auto added = store.diffAndUpdateInstalledPrograms(second);
+    EXPECT_FALSE(added.existed);
+    EXPECT_EQ(added.patch, json::parse(R"([{"op": "replace", "path": "", "value": {"sshd": {"pid": 7}}}])"));
     for (const char* const name : {"/Services.json", "/InstalledPrograms.json"})
         EXPECT_EQ(json::parse(contentOf(directory + name))["data"], second);
     store.resetTelemetryData();

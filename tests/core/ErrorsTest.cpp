@@ -28,10 +28,7 @@ TEST(LibraryError, EveryLibraryComposesItsTextAlike)
     EXPECT_EQ(dynamic_cast<const generic_library_error<int>&>(base).codeText(), "Permission denied");
     EXPECT_EQ(denied.code(), EACCES);
     EXPECT_THROW(generic_library_error<int>::format("Zlib", "inflate", 1, {}), std::bad_function_call);
-}
 
-TEST(CheckCurl, ThrowsForEveryCodeButOk)
-{
     EXPECT_NO_THROW(checkCurl(CURLE_OK, "anything"));
     const std::string tail = ": Failed sending data to the peer | ERROR(CURL) : 55 (0x00000037)";
     EXPECT_EQ(test::thrownBy([] { checkCurl(CURLE_SEND_ERROR, ""); }), "runtime: Curl error" + tail);

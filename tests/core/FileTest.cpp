@@ -106,15 +106,13 @@ TEST_F(FileTest, OpensForReadingByItselfAndLogsIt)
 
 TEST_F(FileTest, ReadsWhatHasNoSizeOrNoPosition)
 {
-    const File status(m_log.logger(), "/proc/self/status");
-    EXPECT_NE(status.slurp().find("VmRSS"), std::string::npos);
+    EXPECT_THAT(File(m_log.logger(), "/proc/self/status").slurp(), testing::HasSubstr("VmRSS"));
 
     const std::string pipe = m_dir / "pipe";
     ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
     const std::string sent(200'000, 'p'); // more than a pipe holds
     std::thread writer([&] { File(m_log.logger(), pipe, FileOpenMode::Write).write(sent); });
-    test::CapturingLogger log;
-    EXPECT_EQ(File(log.logger(), pipe).slurp(), sent);
+    EXPECT_EQ(File(test::CapturingLogger().logger(), pipe).slurp(), sent);
     writer.join();
 }
 

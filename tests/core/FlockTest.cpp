@@ -79,7 +79,7 @@ TEST_F(FlockTest, NeverHasTwoOwnersWhileProcessesTakeTurns)
 {
     const auto takeTurns = [&] {
         bool alone = true;
-        for (int turns = 0; turns < 500;) {
+        for (int turns = 0; turns < 150;) {
             try {
                 const Flock lock(m_path);
                 alone = ::mkdir((m_dir / "owned").c_str(), 0700) == 0 && alone;

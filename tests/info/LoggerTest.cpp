@@ -21,20 +21,14 @@ TEST(LoggerEntry, PrintsItselfWithANewlineAndFlushWithout)
         EXPECT_EQ(entry.flush().str(), "");
     }
     for (const int level : {-3, 9}) Entry(log.logger(), static_cast<Logger::Level>(level)) << level;
-    ASSERT_EQ(log.lines(), (Texts{"3 abc 1234567 0.5", "4 def", "0 -3", "4 9"}));
-    EXPECT_TRUE(log.entries()[0].text.ends_with("0.5\n") && log.entries()[1].text.ends_with("def"));
-}
-
-TEST(LoggerEntry, AMoveLeavesTextAndLevelBehind)
-{
-    test::CapturingLogger log;
     {
         Entry source(log.logger(), Logger::WARNING);
         source << "x";
-        Entry moved(std::move(source));
+        Entry moved(std::move(source)); // leaves text and level behind
         moved << 1234 << "y";
     }
-    EXPECT_EQ(log.lines(), (Texts{"-1 1234y", "2 x"}));
+    ASSERT_EQ(log.lines(), (Texts{"3 abc 1234567 0.5", "4 def", "0 -3", "4 9", "-1 1234y", "2 x"}));
+    EXPECT_TRUE(log.entries()[0].text.ends_with("0.5\n") && log.entries()[1].text.ends_with("def"));
 }
 
 TEST(LoggerEntry, StaysSilentInEveryBadStateAndWithoutAPrinter)

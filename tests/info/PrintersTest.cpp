@@ -24,10 +24,7 @@ protected:
     }
     FailsafePrinter::FalliblePrinter fallible(const std::string& name, bool prints)
     {
-        return [print = recorder(name), prints](const std::string& message, Logger::Level level, Time when) {
-            print(message, level, when);
-            return prints;
-        };
+        return [print = recorder(name), prints](auto... logged) { return print(logged...), prints; };
     }
 
     std::vector<std::string> m_printed;

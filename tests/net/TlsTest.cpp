@@ -4,26 +4,12 @@
 #include "agent/SSLStreamFactory.h"
 #include "agent/vnt/IoWrapper.h"
 
-#include <netinet/tcp.h>
-#include <openssl/conf.h>
 #include <openssl/err.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 
-#include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <future>
-
-std::atomic<int> g_kernelTls = 0; // wishes for it
-
-// Grants them, whatever the kernel can do.
-extern "C" AGENTKIT_API int setsockopt(int fd, int level, int name, const void* value, socklen_t size) noexcept
-{
-    if ((level == SOL_TCP && name == TCP_ULP) || level == SOL_TLS) return ++g_kernelTls, 0;
-    return static_cast<int>(::syscall(SYS_setsockopt, fd, level, name, value, size));
-}
 
 namespace agent {
 namespace {
@@ -33,7 +19,6 @@ using test::Identity;
 using test::TcpServer;
 using test::thrownBy;
 using testing::ElementsAre;
-using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
 using ::vnt::common::Ret;
@@ -116,28 +101,18 @@ std::string failure(const std::string& doing, const std::string& name)
     return doing + "Error: " + name + " |  Error Queue: ";
 }
 
-std::vector<unsigned char> pattern(std::size_t size)
-{
-    std::vector<unsigned char> data(size);
-    unsigned int state = 1;
-    for (unsigned char& byte : data) byte = static_cast<unsigned char>((state = state * 1664525 + 1013904223) >> 24);
-    return data;
-}
-
 class TlsVersions : public TlsTest, public testing::WithParamInterface<std::pair<int, const char*>> {};
 
 TEST_P(TlsVersions, CarryDataBothWays)
 {
-    constexpr std::size_t kPiece = 100'000;
-    const auto data = pattern(std::size_t{64} << 20);
+    std::vector<unsigned char> data(std::size_t{64} << 20);
+    for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<unsigned char>(i * 31 + i / 256);
     const TcpServer server(tls(
         [&](SSL* ssl) {
             std::vector<unsigned char> received(data.size());
             for (std::size_t done = 0, count = 0; done < received.size(); done += count)
                 if (SSL_read_ex(ssl, received.data() + done, received.size() - done, &count) != 1) return;
-            for (std::size_t done = 0, count = 0; done < received.size(); done += count)
-                if (SSL_write_ex(ssl, received.data() + done, std::min(received.size() - done, kPiece), &count) != 1)
-                    return;
+            (void)SSL_write(ssl, received.data(), static_cast<int>(received.size()));
         },
         GetParam().first));
     {
@@ -168,6 +143,10 @@ INSTANTIATE_TEST_SUITE_P(Tls, TlsVersions,
 TEST_F(TlsTest, KnowsWhomToTrust)
 {
     const Identity stranger(test::CertificateSpec{.subject = {{"CN", "Stranger"}}});
+    const std::string refused = test::posix(failure("Error on ssl connect: ", "SSL_ERROR_SSL") +
+                                                "0: Error: 0xa000086 | Library: 'SSL routines' | Func: "
+                                                "'OPENSSL_internal' | Reason: 'certificate verify failed'",
+        22);
     using Case = std::tuple<const char*, std::string, std::string, const Identity*, long, bool>;
     for (const auto& [why, names, host, issuer, validUntil, isTrusted] : {
              Case{"a wildcard", "DNS:*.example.com", kHost, &m_authority, 60, true},
@@ -183,15 +162,7 @@ TEST_F(TlsTest, KnowsWhomToTrust)
         const TcpServer server(test::tls({identity, &m_authority}, [name = host](SSL* ssl) {
             EXPECT_STREQ(SSL_get_servername(ssl, TLSEXT_NAMETYPE_host_name), name.c_str());
         }));
-        const std::string thrown = failureWith(server, 5s, host);
-        if (isTrusted) {
-            EXPECT_EQ(thrown, "nothing") << why;
-            continue;
-        }
-        EXPECT_THAT(thrown, StartsWith("posix: " + failure("Error on ssl connect: ", "SSL_ERROR_SSL") + "0: Error: 0x"))
-            << why;
-        EXPECT_THAT(thrown, HasSubstr("' | Func: 'OPENSSL_internal' | Reason: 'certificate verify failed'")) << why;
-        EXPECT_THAT(thrown, EndsWith("ERROR(Posix) : 22 (0x00000016)")) << why;
+        EXPECT_EQ(failureWith(server, 5s, host), isTrusted ? "nothing" : refused) << why;
     }
 }
 
@@ -218,6 +189,7 @@ TEST_F(TlsTest, SurvivesHostilePeersDuringTheHandshake)
             std::this_thread::sleep_for(100ms);
         }
     };
+    const auto tls11 = test::tls({m_server, &m_authority, TLS1_1_VERSION, "ALL:@SECLEVEL=0"}, [](SSL*) {});
     using Case = std::tuple<const char*, std::function<void(int)>, std::chrono::seconds, std::string>;
     const auto descriptors = test::openDescriptors();
     for (const auto& [why, serve, timeout, expected] : {
@@ -228,6 +200,7 @@ TEST_F(TlsTest, SurvivesHostilePeersDuringTheHandshake)
              Case{"slow", drip, 1s, test::posix("SSL_connect timed out after 1", 110)},
              Case{"ends in order", notify, 5s,
                  test::posix(failure("Error on ssl connect: ", "SSL_ERROR_ZERO_RETURN"), 103)},
+             Case{"too old", tls11, 5s, "posix: Error on ssl connect: "},
              Case{"closes", [](int) {}, 5s, "posix: Error on ssl connect: "},
              Case{"resets", reset, 5s, "posix: Error on ssl connect: "},
          }) {
@@ -253,21 +226,16 @@ TEST_F(TlsTest, TellsWhatKeepsItFromConnecting)
     const TcpServer server([](int fd) { (void)::read(fd, nullptr, 0); });
     for (const auto& [why, certificate, keyPem, host, expected] : {
              Case{"no certificate", "", key, kHost, noCertificate},
-             Case{"half of one", pem.substr(0, pem.size() / 2), key, kHost, noCertificate},
              Case{"a NUL inside", pem.substr(0, 80) + '\0' + pem.substr(81), key, kHost, noCertificate},
-             Case{"a key instead", key, key, kHost, noCertificate},
              Case{"no key", pem, std::string(100'000, 'k'), kHost, noKey},
              Case{"a key with a password, which nobody is asked for", pem, m_client.keyPem("secret"), kHost, noKey},
              Case{"another's key", pem, m_server.keyPem(), kHost,
                  "posix: Unable to load client key into ssl context: 0: "},
              Case{"no host", pem, key, "", test::posix("Unable to set ssl verify host: ", 22)},
              Case{"a NUL in the host", pem, key, kHost + '\0', test::posix("Unable to set ssl verify host: ", 22)},
-             Case{"a host of 256 bytes", pem, key, std::string(256, 'h'), "posix: Unable to set ssl verify host: 0: "},
          }) {
         OpenSSLStream stream(m_log.logger(), std::make_shared<NamedConnector>(host, server.port()),
             std::make_shared<FixedStore>(m_log.logger(), certificate, keyPem), 1s);
-        EXPECT_THAT(thrownBy([&] { stream.connect(); }), StartsWith(expected)) << why;
-        stream.close(); // and so it can be tried again
         EXPECT_THAT(thrownBy([&] { stream.connect(); }), StartsWith(expected)) << why;
     }
     OpenSSLStream stream(m_log.logger(), std::make_shared<NamedConnector>(kHost, server.port()), nullptr, 1s);
@@ -277,18 +245,12 @@ TEST_F(TlsTest, TellsWhatKeepsItFromConnecting)
         "invalid argument: ITCPConnector is nullptr");
 }
 
-TEST_F(TlsTest, RefusesOldProtocolsAndServersThatRefuseIt)
+TEST_F(TlsTest, HearsWithTheFirstDataThatItIsRefused)
 {
-    const TcpServer old([&](int fd) {
-        const test::TlsServerOptions options{m_server, &m_authority, TLS1_1_VERSION, "ALL:@SECLEVEL=0"};
-        test::tls(options, [](SSL*) {})(fd);
-    });
-    EXPECT_THAT(failureWith(old), StartsWith("posix: Error on ssl connect: "));
-
     const Identity stranger(test::CertificateSpec{.subject = {{"CN", "Stranger"}}});
     m_store = std::make_shared<FixedStore>(m_log.logger(), stranger.pem(), stranger.keyPem());
     const TcpServer server(tls([](SSL*) {}));
-    const auto stream = streamTo(server); // TLS 1.3: the server's refusal comes with the first data
+    const auto stream = streamTo(server);
     stream->connect();
     unsigned int count = 0;
     EXPECT_THAT(thrownBy([&] { stream->read(&count, 1, count); }),
@@ -329,10 +291,8 @@ TEST_F(TlsTest, ToldHowAConnectionEnds)
     if (child == 0) {
         (void)std::signal(SIGPIPE, SIG_DFL);
         const std::string broken = PosixError("SSL_ERROR_SYSCALL", EPIPE).what();
-        ::_exit(thrownBy([&] { stream->write(&byte, 1); }) ==
-                        test::posix(failure("SSL error on SSL_write: ", broken), SSL_ERROR_SYSCALL)
-                    ? 0
-                    : 1);
+        const std::string expected = test::posix(failure("SSL error on SSL_write: ", broken), SSL_ERROR_SYSCALL);
+        ::_exit(thrownBy([&] { stream->write(&byte, 1); }) == expected ? 0 : 1);
     }
     int status = -1;
     ::waitpid(child, &status, 0);
@@ -361,66 +321,46 @@ TEST_F(TlsTest, WaitsNoLongerThanItShould)
     done.set_value();
 }
 
-TEST_F(TlsTest, StaysOutOfTheKernelWhateverIsConfigured)
-{
-    const TcpServer before(tls([](SSL*) {}));
-    const std::string config = "openssl_conf=a\n[a]\nssl_conf=b\n[b]\nsystem_default=c\n[c]\nOptions=KTLS\n";
-    ASSERT_EQ(CONF_modules_load_file(m_dir.file("cnf", config).c_str(), nullptr, 0), 1);
-    streamTo(before)->connect();
-    EXPECT_EQ(g_kernelTls, 0);
-    const auto plain = tls([](SSL*) {}); // OpenSSL's own way does what it is told
-    CONF_modules_unload(1);
-    const TcpServer after(plain);
-    (void)failureWith(after, 1s);
-    EXPECT_GT(g_kernelTls, 0);
-}
-
 TEST_F(TlsTest, IsMadeForAStore)
 {
-    struct Foreign : FileCertificateStoreDescriptor {
+    struct Descriptor : FileCertificateStoreDescriptor {
         using FileCertificateStoreDescriptor::FileCertificateStoreDescriptor;
-        CertificateStoreType getStoreType() const override { return m_type; }
-        CertificateStoreType m_type = CertificateStoreType(3);
+        CertificateStoreType getStoreType() const override { return type; }
+        CertificateStoreType type = CertificateStoreType(3);
     };
-    Foreign descriptor(m_dir.file("cert", m_client.pem()), m_dir.file("key", m_client.keyPem()), "", "");
+    Descriptor descriptor(m_dir.file("cert", m_client.pem()), m_dir.file("key", m_client.keyPem()), "", "");
     const TcpServer server(tls([](SSL* ssl) { (void)SSL_write(ssl, "x", 1); }));
     const SSLStreamFactory factory(m_log.logger());
     m_connector = std::make_shared<NamedConnector>(kHost, server.port());
     const auto make = [&] { return factory.makeClientStream(descriptor, m_connector, 5s); };
     EXPECT_EQ(thrownBy(make), "invalid argument: must provide registered type to create SSL stream. Type provided: "
                               "Unknown CertificateStoreType: 3");
-    descriptor.m_type = CertificateStoreType::Native;
+    descriptor.type = CertificateStoreType::Native;
     EXPECT_EQ(thrownBy(make), "runtime: Not implemented");
-    descriptor.m_type = CertificateStoreType::File;
+    descriptor.type = CertificateStoreType::File;
     ASSERT_EQ(m_connector->connect().code, 0);
     make()->connect();
 }
 
 TEST_F(TlsTest, OrAPlainSocketIsBehindTheWrapper)
 {
-    const auto echo = [](SSL* ssl) {
-        char text[4] = {};
-        if (SSL_read(ssl, text, 4) == 4) (void)SSL_write(ssl, text, 4);
-    };
-    const auto plainEcho = [](int fd) {
-        char text[4] = {};
-        if (::read(fd, text, 4) == 4) (void)::send(fd, text, 4, MSG_NOSIGNAL);
-    };
+    char asked = 0;
+    const auto answer = [&](SSL* ssl) { (void)(SSL_read(ssl, &asked, 1), SSL_write(ssl, "12\x01\x34", 4)); };
+    const auto plainAnswer = [&](int fd) { (void)(::read(fd, &asked, 1), ::send(fd, "12\x01\x34", 4, MSG_NOSIGNAL)); };
     for (const bool isTls : {true, false}) {
-        const TcpServer server(isTls ? tls(echo) : plainEcho);
+        const TcpServer server(isTls ? tls(answer) : plainAnswer);
         const auto stream = streamTo(server);
         vnt::IoWrapper io(m_log.logger(), isTls ? stream : nullptr, m_connector, 5s, true);
         EXPECT_EQ(io.init().code, 0);
-        char text[6] = "12\x01"
-                       "4";
+        char text[5] = {};
         unsigned int count = 0;
-        const std::string dump = "00000000  31 32 01 34 ";
-        EXPECT_EQ(io.write(text, 4).code, 0);
-        EXPECT_THAT(m_log.lines().back(), StartsWith("3 IoWrapper sending:\n" + dump));
-        EXPECT_THAT(m_log.lines().back(), HasSubstr("12_4"));
+        EXPECT_EQ(io.write("x", 1).code, 0);
+        EXPECT_THAT(m_log.lines().back(), StartsWith("3 IoWrapper sending:\n00000000  78 "));
         EXPECT_EQ(io.read(text, 5, count).code, 0);
         EXPECT_EQ(count, 4U);
-        EXPECT_THAT(m_log.lines().back(), StartsWith("3 IoWrapper received:\n" + dump + "00")) << "all of the buffer";
+        EXPECT_THAT(m_log.lines().back(), StartsWith("3 IoWrapper received:\n00000000  31 32 01 34 00 "))
+            << "all of it";
+        EXPECT_THAT(m_log.lines().back(), HasSubstr("12_4_"));
         const Ret end = io.read(text, 5, count);
         EXPECT_EQ(end.code, isTls ? 22 : 107);
         EXPECT_THAT(end.message, HasSubstr(isTls ? "SSL error on SSL_read: " : "connection closed")) << "its text";

@@ -38,11 +38,6 @@ protected:
     const Identity m_identity{test::CertificateSpec{.subject = {{"CN", "42"}}}};
 };
 
-struct ForeignType : FileCertificateStoreDescriptor {
-    using FileCertificateStoreDescriptor::FileCertificateStoreDescriptor;
-    CertificateStoreType getStoreType() const override { return CertificateStoreType(7); }
-};
-
 TEST_F(StoreTest, KeepsTheCertificateItsKeyAndTheChain)
 {
     const auto store = CertificateStoreFactory(m_log.logger()).createStore(m_files);
@@ -88,19 +83,22 @@ TEST_F(StoreTest, KeepsPrivateKeysFromOthers)
     store.addCertificate(m_identity.pem(), m_identity.keyPem());
     EXPECT_EQ(modeOf(m_dir / "key"), 0600U) << "existing";
     ::umask(before);
-    const mode_t device = modeOf("/dev/null");
     const FileCertificateStoreDescriptor nowhere(m_dir / "cert", "/dev/null", "", "");
     FileCertificateStore(m_log.logger(), nowhere).addCertificate(m_identity.pem(), "k");
-    EXPECT_EQ(modeOf("/dev/null"), device) << "everybody's";
+    EXPECT_EQ(modeOf("/dev/null"), 0666U) << "everybody's";
     const std::string bytes("a\0\xff", 3);
     EXPECT_EQ(DataProtectionEncoderDecoder().decode(DataProtectionEncoderDecoder().encode(bytes)), bytes);
 }
 
 TEST_F(StoreTest, ComesInTwoTypes)
 {
+    struct Foreign : FileCertificateStoreDescriptor {
+        using FileCertificateStoreDescriptor::FileCertificateStoreDescriptor;
+        CertificateStoreType getStoreType() const override { return CertificateStoreType(7); }
+    };
     const CertificateStoreFactory factory(m_log.logger());
     EXPECT_EQ(to_string(CertificateStoreType::Native) + to_string(CertificateStoreType::File), "NativeFile");
-    EXPECT_EQ(thrownBy([&] { factory.createStore(ForeignType("", "", "", "")); }),
+    EXPECT_EQ(thrownBy([&] { factory.createStore(Foreign("", "", "", "")); }),
         "invalid argument: must provide registered type to create certificate store. Type provided: Unknown "
         "CertificateStoreType: 7");
     const std::string notImplemented = "runtime: Not implemented.";

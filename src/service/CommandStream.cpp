@@ -44,17 +44,14 @@ constinit struct sigaction previousChildAction {
 
 class ChildSignalGuard {
 public:
-    explicit ChildSignalGuard(bool throwOnError)
+    ChildSignalGuard() noexcept
     {
         const std::lock_guard lock(childSignalMutex);
         if (childSignalGuards == 0) {
             struct sigaction byDefault {};
             byDefault.sa_handler = SIG_DFL;
             byDefault.sa_flags = SA_RESTART;
-            if (::sigaction(SIGCHLD, &byDefault, &previousChildAction) != 0) {
-                if (throwOnError) fail("sigaction failed!");
-                return;
-            }
+            if (::sigaction(SIGCHLD, &byDefault, &previousChildAction) != 0) return;
         }
         ++childSignalGuards;
         m_isSet = true;
@@ -74,6 +71,15 @@ private:
     bool m_isSet = false;
 };
 
+/// For what does not go on without it.
+class RequiredChildSignalGuard : public ChildSignalGuard {
+public:
+    RequiredChildSignalGuard()
+    {
+        if (!isSet()) fail("sigaction failed!");
+    }
+};
+
 // Where the program has closed its standard streams a pipe gets their numbers, and dup2 would then cover it.
 UniqueFd aboveStandardStreams(UniqueFd fd)
 {
@@ -81,16 +87,20 @@ UniqueFd aboveStandardStreams(UniqueFd fd)
     return UniqueFd(::fcntl(fd.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
 }
 
-std::pair<UniqueFd, UniqueFd> makePipe()
+struct Pipe {
+    UniqueFd readEnd;
+    UniqueFd writeEnd;
+};
+
+Pipe makePipe()
 {
-    int ends[2];
+    int ends[2] = {-1, -1};
     if (::pipe2(ends, O_CLOEXEC) != 0) fail("pipe failed!");
-    UniqueFd readEnd(ends[0]);
-    UniqueFd writeEnd(ends[1]);
-    readEnd = aboveStandardStreams(std::move(readEnd));
-    if (readEnd.isOpen()) writeEnd = aboveStandardStreams(std::move(writeEnd));
-    if (!readEnd.isOpen() || !writeEnd.isOpen()) fail("pipe failed!");
-    return {std::move(readEnd), std::move(writeEnd)};
+    Pipe pipe{UniqueFd(ends[0]), UniqueFd(ends[1])};
+    pipe.readEnd = aboveStandardStreams(std::move(pipe.readEnd));
+    if (pipe.readEnd.isOpen()) pipe.writeEnd = aboveStandardStreams(std::move(pipe.writeEnd));
+    if (!pipe.readEnd.isOpen() || !pipe.writeEnd.isOpen()) fail("pipe failed!");
+    return pipe;
 }
 
 // Threads of this program may block signals, and the program ignore SIGPIPE; a shell and what it runs rely on neither.
@@ -149,22 +159,22 @@ UnixCommandStream::UnixCommandStream(info::Logger& /*logger*/, const std::string
     : m_killOnDestruction(killOnDestruction)
     , m_isOutputRead(readOutput)
 {
-    auto [readEnd, writeEnd] = makePipe();
-    m_readEnd = readEnd.get();
-    m_writeEnd = writeEnd.get();
+    Pipe pipe = makePipe();
+    m_readEnd = pipe.readEnd.get();
+    m_writeEnd = pipe.writeEnd.get();
     m_child = ::fork();
     if (m_child < 0) fail("fork failed!");
     if (m_child == 0) {
         if (!keepSession) (void)::setsid();
         execute(command, workingDirectory);
     }
-    (void)readEnd.release(); // the destructor's from here on
+    (void)pipe.readEnd.release(); // the destructor's from here on
     m_writeEnd = -1;
 }
 
 UnixCommandStream::~UnixCommandStream()
 {
-    const ChildSignalGuard guard(false);
+    const ChildSignalGuard guard;
     (void)::close(m_readEnd);
     if (m_child == 0) return;
     if (m_killOnDestruction) (void)killChild(m_child);
@@ -198,14 +208,15 @@ void UnixCommandStream::gtfo(const std::string& what)
 
 std::shared_ptr<void> UnixCommandStream::restartChld(bool throwOnError)
 {
-    auto guard = std::make_shared<ChildSignalGuard>(throwOnError);
+    if (throwOnError) return std::make_shared<RequiredChildSignalGuard>();
+    auto guard = std::make_shared<ChildSignalGuard>();
     return guard->isSet() ? guard : nullptr;
 }
 
 bool UnixCommandStream::wait(microseconds& timeout)
 {
     if (!m_isOutputRead) return false;
-    const ChildSignalGuard guard(true);
+    const RequiredChildSignalGuard guard;
     if (timeout < microseconds(0)) {
         timeout = microseconds(0);
         return false;
@@ -236,7 +247,7 @@ bool UnixCommandStream::read(char* buffer, unsigned long size, unsigned long& le
 bool UnixCommandStream::getChar(char& c)
 {
     if (!m_isOutputRead) return false;
-    const ChildSignalGuard guard(true);
+    const RequiredChildSignalGuard guard;
     c = 0;
     unsigned long length = 0;
     (void)read(&c, 1, length);
@@ -246,7 +257,7 @@ bool UnixCommandStream::getChar(char& c)
 bool UnixCommandStream::getNext(std::string& out)
 {
     if (!m_isOutputRead) return false;
-    const ChildSignalGuard guard(true);
+    const RequiredChildSignalGuard guard;
     out.clear();
     std::array<char, kPieceSize> piece;
     microseconds now{0};
@@ -261,7 +272,7 @@ bool UnixCommandStream::getNext(std::string& out)
 int UnixCommandStream::finish()
 {
     if (m_child == 0) return 0;
-    const ChildSignalGuard guard(true);
+    const RequiredChildSignalGuard guard;
     int status = 0;
     if (io::retry([&] { return ::waitpid(m_child, &status, 0); }) < 0) fail("waitpid failed!");
     m_child = 0;
@@ -272,7 +283,7 @@ int UnixCommandStream::finish()
 void UnixCommandStream::kill()
 {
     if (m_child == 0) return;
-    const ChildSignalGuard guard(false);
+    const ChildSignalGuard guard;
     if (killChild(m_child) != 0) fail("kill failed!");
 }
 

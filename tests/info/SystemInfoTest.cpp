@@ -148,7 +148,8 @@ TEST_F(SystemInfo, ListsNetworkAddresses)
 
 TEST_F(SystemInfo, ReadsTheDiskTable)
 {
-    const std::string path = std::getenv("PATH");
+    const char* const old = std::getenv("PATH");
+    const std::string path = old != nullptr ? old : "/bin";
     ::setenv("PATH", (m_dir.path() + ':' + path).c_str(), 1);
     const auto sigchld = std::signal(SIGCHLD, SIG_IGN);
     const std::string unable = "runtime: Unable to fetch physical disk info: ";

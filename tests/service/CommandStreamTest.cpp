@@ -22,6 +22,7 @@ struct {
 } g_poll;
 } // namespace
 
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
 extern "C" AGENTKIT_API int ppoll(pollfd* fds, nfds_t count, const timespec* timeout, const sigset_t* mask)
 {
     if (g_poll.clock == nullptr)

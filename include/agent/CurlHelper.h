@@ -66,7 +66,7 @@ public:
 /// response is emptied first, and holds what had arrived when a request fails. Redirections are not followed.
 ///
 /// The forms without switches take them from the object, and tracing from the configuration. A traced request logs
-/// libcurl's informational texts at INFO: no bodies, and credentials in headers redacted.
+/// libcurl's informational texts at INFO: no bodies, and credentials in headers and proxies redacted.
 ///
 /// Failures of libcurl are CURLError, also a status of 400 and above if that is to fail; a body that is not UTF-8 is
 /// nlohmann::json::type_error. What the callbacks for credentials and certificates throw passes through; an empty one

@@ -149,18 +149,27 @@ long exchangeJson(Method method, const std::string& url, const json& body, std::
 }
 
 /// HTTP/2 tells request headers in informational texts: takes the values out of those with credentials.
-void redactCredentials(std::string& text)
+void redactHeaders(std::string& text)
 {
     const auto sameLetter = [](char a, char b) { return ascii::toLower(a) == b; };
-    for (const std::string_view name : {"authorization:", "cookie:"}) { // "proxy-authorization:", too
+    for (const std::string_view name : {"authorization", "cookie"}) { // "proxy-authorization", too
         auto found = text.begin();
         while ((found = std::search(found, text.end(), name.begin(), name.end(), sameLetter)) != text.end()) {
-            const auto begin = found - text.begin() + static_cast<std::ptrdiff_t>(name.size());
-            const auto end = std::min(text.find('\n', static_cast<std::size_t>(begin)), text.size());
-            text.replace(static_cast<std::size_t>(begin), end - static_cast<std::size_t>(begin), " <redacted>");
-            found = text.begin() + begin;
+            found += static_cast<std::ptrdiff_t>(name.size());
+            const auto colon = text.find_first_not_of(" \t", static_cast<std::size_t>(found - text.begin()));
+            if (colon == std::string::npos || text[colon] != ':') continue;
+            text.replace(colon + 1, std::min(text.find('\n', colon), text.size()) - colon - 1, " <redacted>");
+            found = text.begin() + static_cast<std::ptrdiff_t>(colon);
         }
     }
+}
+
+/// Takes user and password out of a URL, which libcurl quotes: that of a proxy, above all, as the environment has it.
+void redactUrl(std::string& text)
+{
+    const auto quote = text.find('\'');
+    const auto at = text.rfind('@');
+    if (at != std::string::npos && quote < at) text.replace(quote + 1, at - quote - 1, "<redacted>");
 }
 
 std::string escaped(const std::string& text)
@@ -235,6 +244,7 @@ CurlHelper::CurlAndHeaders::CurlAndHeaders()
 
 CurlHelper::CurlAndHeaders::~CurlAndHeaders()
 {
+    const SigpipeGuard guard; // TLS takes its leave of a peer that may be gone
     curl_easy_cleanup(m_handle);
     curl_slist_free_all(m_headers);
 }
@@ -255,7 +265,8 @@ try {
                                    : "Unknown curlinfo_type (" + std::to_string(static_cast<int>(type)) + "): ";
     std::string text(data, size);
     if (text.ends_with('\n')) text.pop_back();
-    redactCredentials(text);
+    redactHeaders(text);
+    redactUrl(text);
     Logger::Entry(*static_cast<Logger*>(logger), Logger::INFO) << prefix << escaped(cut(std::move(text)));
     return 0;
 } catch (...) { // must not cross libcurl; a line is lost

@@ -1,5 +1,6 @@
 #include "agent/RetryMethod.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
 #include <limits>
@@ -108,13 +109,12 @@ bool TruncatedExponentialBackoffRetry::callWithRetry(const std::function<Retriab
     }
 }
 
-// Compared as a double first: what is beyond the cap might not fit an integer.
+// Below zero, beyond all integers and no number at all count as too long: a wait of 0 would never use up the budget.
 unsigned long TruncatedExponentialBackoffRetry::grown(unsigned long intervalMs) const
 {
     const double product = static_cast<double>(intervalMs) * m_multiplier;
-    if (!(product > 0)) return 0; // a multiplier below 0, or none at all
-    if (product >= static_cast<double>(m_intervalCapMs)) return m_intervalCapMs;
-    return static_cast<unsigned long>(product);
+    if (!(product > -1 && product < 0x1p64)) return m_intervalCapMs;
+    return std::min(static_cast<unsigned long>(product), m_intervalCapMs);
 }
 
 } // namespace agent

@@ -109,8 +109,10 @@ TEST_F(ResilienceTest, RetriesAsLongAsItIsWorthIt)
              Case{"growth beyond all bounds", backoff(7, 100, kMost, 1e300), {Status::Retry}, 2, {7ms},
                  {"3 current retry interval: 18446744073709551615 ms, total time spent trying so far: 7 ms.",
                      "3 exceeded retry time of 100" + giveUp}},
-             Case{"growth below zero", backoff(7, 100, 50, -2), {Status::Retry, Status::Retry, Status::Success}, 3,
-                 {7ms}, {"3 current retry interval: 0 ms, total time spent trying so far: 7 ms."}},
+             Case{"growth below zero, which must not end in waits of 0", backoff(7, 100, 50, -2), {Status::Retry}, 3,
+                 {7ms, 50ms}, {"3 exceeded retry time of 100" + giveUp}},
+             Case{"growth by no number", backoff(7, 100, 50, std::nan("")), {Status::Retry}, 3, {7ms, 50ms},
+                 {"3 exceeded retry time of 100" + giveUp}},
          }) {
         m_clock.sleeps.clear();
         const auto before = static_cast<std::ptrdiff_t>(m_log.lines().size());

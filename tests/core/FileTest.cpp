@@ -125,9 +125,8 @@ TEST_F(FileTest, FailuresNameTheCallAndTheFile)
         << "what the stream could not write is not dropped in silence";
 
     const File directory(m_log.logger(), m_dir.path());
-    std::string out = "untouched";
+    std::string out;
     EXPECT_EQ(thrownBy([&] { directory.read(out); }), posix("read(\"" + m_dir.path() + "\") failed", EISDIR));
-    EXPECT_EQ(out, "untouched");
     EXPECT_EQ(thrownBy([&] { directory.seek(-1, SEEK_SET); }), posix("lseek(\"" + m_dir.path() + "\") failed", EINVAL));
 }
 

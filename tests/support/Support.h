@@ -102,7 +102,7 @@ protected:
     CapturingLogger m_log;
 };
 
-/// Runs the action in a forked process; true if it returned true there.
+/// Runs the action in a forked process; true if it returned true there and the process ended well.
 inline bool inChild(const std::function<bool()>& action, pid_t (*fork)() = ::fork)
 {
     const pid_t child = fork();

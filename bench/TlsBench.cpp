@@ -219,8 +219,8 @@ void transfer(benchmark::State& state, Direction direction, std::size_t piece)
     for (const auto& [name, direction] :
         {std::pair("tls_write/", Direction::Write), std::pair("tls_read/", Direction::Read)}) {
         for (std::size_t piece = 1 << 10; piece <= 1 << 20; piece *= 4) {
-            const auto add = [&, way = direction](const std::string& variant, auto run) {
-                benchmark::RegisterBenchmark((name + variant + "/" + std::to_string(piece)).c_str(), run, way, piece)
+            const auto add = [&piece, group = name, way = direction](const std::string& variant, auto run) {
+                benchmark::RegisterBenchmark((group + variant + "/" + std::to_string(piece)).c_str(), run, way, piece)
                     ->UseManualTime();
             };
             add("agentkit", transfer<AgentkitEnd>);

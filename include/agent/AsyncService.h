@@ -31,8 +31,8 @@ public:
 ///     backup.start();
 ///     backup.triggerRun().wait(); // now, please
 ///
-/// A run that throws ends the thread; it is logged at ERROR, and stop() throws it again. Until then the service does
-/// not count as stopped, and triggers wait for that stop().
+/// A run that throws ends the thread, and so does an interval provider; it is logged at ERROR, and stop() throws it
+/// again. Until then the service does not count as stopped, and triggers wait for that stop().
 ///
 /// Threads: triggerRun() and isStopped() from any; start() and stop() from one at a time. The service runs with the
 /// mutex held, so all but isStopped() wait for the end of a run. Called from within a run, they deadlock.
@@ -48,7 +48,7 @@ public:
         /// True: only when triggered; an interval set before is forgotten.
         Options& runOnDemand(bool onDemand);
 
-        /// @param provider  asked after each run how long to wait for the next one
+        /// @param provider  asked before each wait how long it may be; 0 and less is none
         Options& interval(std::function<std::chrono::nanoseconds()> provider);
 
         /// What the provider says; the largest duration, which is no interval, without one.
@@ -69,7 +69,7 @@ public:
     AsyncService(const AsyncService&) = delete;
     AsyncService& operator=(const AsyncService&) = delete;
 
-    /// Stops; what stop() throws is logged.
+    /// Stops. An exception that stop() throws is logged; what is no std::exception ends the process.
     virtual ~AsyncService();
 
     /// Starts the thread, unless it is running. A stopped service can be started again.
@@ -93,7 +93,7 @@ private:
     void runUntilStopped(std::unique_lock<std::mutex>& lock);
     void waitForNextRun(std::unique_lock<std::mutex>& lock);
     void dropTrigger(const char* during) noexcept;
-    void logFailure(const std::string& during, const std::exception_ptr& reason) noexcept;
+    void logFailure(const char* during, const std::exception_ptr& reason) noexcept;
 
     info::Logger& m_logger;
     Options m_options;

@@ -74,12 +74,14 @@ void AsyncService::stop()
         const std::lock_guard lock(m_mutex);
         dropTrigger("stop reset of outstanding run promise");
     });
+    std::future<void> thread;
     {
         const std::lock_guard lock(m_mutex);
         m_isStopped = true;
+        thread = std::move(m_main); // of two that stop at once only one may wait for it
     }
     m_wakeUp.notify_one();
-    if (m_main.valid()) m_main.get();
+    if (thread.valid()) thread.get();
 }
 
 std::future<void> AsyncService::triggerRun()
@@ -146,10 +148,11 @@ void AsyncService::dropTrigger(const char* during) noexcept
     }
 }
 
-void AsyncService::logFailure(const std::string& during, const std::exception_ptr& reason) noexcept
-{
+void AsyncService::logFailure(const char* during, const std::exception_ptr& reason) noexcept
+try {
     Logger::Entry(m_logger, Logger::ERROR) << "Exception occurred during " << during << " for service: '"
                                            << m_options.m_serviceName << "'. Reason: " << eptr_str(reason);
+} catch (...) { // no memory for a line, which must not keep the thread from telling stop()
 }
 
 } // namespace agent

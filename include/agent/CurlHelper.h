@@ -18,7 +18,7 @@ namespace agent {
 
 /// Makes HTTP requests. Each gives the status code of the answer, whatever it is, and its body.
 ///
-/// Headers are whole lines such as "Metadata: true". A time-out of 0 or less is none.
+/// Headers are whole lines such as "Metadata: true". A time-out is for the whole request; 0 or less is none.
 /// The order of its virtual functions is part of the binary interface.
 class AGENTKIT_API IHTTPRequester {
 public:

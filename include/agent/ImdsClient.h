@@ -49,6 +49,7 @@ public:
         std::string url, std::function<bool()> isCanceled);
 
     /// To be called before init().
+    /// @param retryMethod  must not be null
     void setRetryMethod(std::unique_ptr<IRetryMethod> retryMethod);
 
     /// The whole answer; null while there was none.
@@ -57,20 +58,25 @@ public:
     /// @throws std::runtime_error  before init()
     bool isAzure() const override;
 
-    /// Asks, and blocks as long as that takes. A later call asks again; one that fails changes no more than isAzure().
+    /// Asks, and blocks as long as that takes. A later call asks again; without an answer that is JSON it changes no
+    /// more than isAzure().
     /// @return  isAzure()
-    /// @throws std::bad_function_call  without a cancel check. Nothing else but what is no std::exception.
+    /// @throws whatever the cancel check throws, std::bad_function_call if it is empty; of a request only what is no
+    ///         std::exception
     bool init() override;
 
     /// Empty while not known.
     std::string resourceId() const override;
     std::string subscriptionId() const override;
 
-private:
+    /// The two steps of init(), once Azure is likely: gets imdsData(), and takes the two texts out of it.
+    /// @return  whether that was possible
     bool sendImdsRequest();
+    bool parseImdsRequest();
+
+private:
     IRetryMethod::RetriableFuncStatus attempt(std::string& response);
     IRetryMethod::RetriableFuncStatus judge(long statusCode, const std::string& response);
-    bool parseImdsRequest();
 
     const IHTTPRequester& m_requester;
     nlohmann::json m_data;

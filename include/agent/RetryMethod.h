@@ -63,7 +63,7 @@ public:
     /// @param maxRetryTimeMs     the budget, milliseconds
     /// @param intervalCapMs      of all further waits, before jitter, milliseconds
     /// @param maxJitterMs        the most that chance adds to a wait, milliseconds; it does not grow with the interval
-    /// @param multiplier         of each wait; whole milliseconds remain
+    /// @param multiplier         of each wait; whole milliseconds remain. A product below 0, or no number, is the cap
     TruncatedExponentialBackoffRetry(info::Logger& logger, unsigned long initialIntervalMs,
         unsigned long maxRetryTimeMs, unsigned long intervalCapMs, unsigned long maxJitterMs, double multiplier);
 

@@ -17,8 +17,7 @@ using std::chrono::nanoseconds;
 using test::thrownBy;
 using testing::ElementsAre;
 
-class ResilienceTest : public testing::Test {
-protected:
+struct ResilienceTest : testing::Test {
     test::CapturingLogger m_log;
     test::FakeClock m_clock;
 };
@@ -64,11 +63,13 @@ constexpr unsigned long kMost = ~0UL;
 
 TEST_F(ResilienceTest, RetriesAsLongAsItIsWorthIt)
 {
-    using Regular = RegularIntervalRetry;
     const auto backoff = [](unsigned long first, unsigned long budget, unsigned long cap, double multiplier) {
         return [=](info::Logger& logger) {
             return std::make_unique<TruncatedExponentialBackoffRetry>(logger, first, budget, cap, 0, multiplier);
         };
+    };
+    const auto regular = [](unsigned long interval, unsigned long retries) {
+        return [=](info::Logger& log) { return std::make_unique<RegularIntervalRetry>(log, interval, retries, 0); };
     };
     struct Case {
         const char* why;
@@ -78,13 +79,9 @@ TEST_F(ResilienceTest, RetriesAsLongAsItIsWorthIt)
         std::vector<nanoseconds> sleeps;
         std::vector<std::string> lines; // the last ones
     };
-    const auto regular = [](unsigned long interval, unsigned long retries) {
-        return [=](info::Logger& logger) { return std::make_unique<Regular>(logger, interval, retries, 0); };
-    };
     const std::string again = "3 regular interval retry method retrying func after interval: ";
     const std::string giveUp = " ms, giving up.";
     for (const Case& c : {
-             Case{"at once", regular(1500, 3), {Status::Success}, 1, {}, {}},
              Case{"to its last retry", regular(1500, 2), {Status::Retry}, 3, {1500ms, 1500ms},
                  {again + "1500, total retry time: 1500", again + "1500, total retry time: 3000",
                      "3 regular interval retry method exceeded retry count of 2"}},
@@ -104,38 +101,33 @@ TEST_F(ResilienceTest, RetriesAsLongAsItIsWorthIt)
                      "3 exceeded retry time of 59" + giveUp}},
              Case{"the budget may be used up", backoff(30, 60, 30, 1), {Status::Retry}, 3, {30ms, 30ms},
                  {"3 exceeded retry time of 60" + giveUp}},
-             Case{"no budget, no sleep", backoff(1, 0, 9, 2), {Status::Retry}, 1, {},
-                 {"3 exceeded retry time of 0" + giveUp}},
              Case{"growth beyond all bounds", backoff(7, 100, kMost, 1e300), {Status::Retry}, 2, {7ms},
                  {"3 current retry interval: 18446744073709551615 ms, total time spent trying so far: 7 ms.",
                      "3 exceeded retry time of 100" + giveUp}},
-             Case{"growth below zero, which must not end in waits of 0", backoff(7, 100, 50, -2), {Status::Retry}, 3,
-                 {7ms, 50ms}, {"3 exceeded retry time of 100" + giveUp}},
              Case{"growth by no number", backoff(7, 100, 50, std::nan("")), {Status::Retry}, 3, {7ms, 50ms},
                  {"3 exceeded retry time of 100" + giveUp}},
          }) {
         m_clock.sleeps.clear();
-        const auto before = static_cast<std::ptrdiff_t>(m_log.lines().size());
-        const auto method = c.make(m_log.logger());
+        test::CapturingLogger log;
+        const auto method = c.make(log.logger());
         std::size_t calls = 0;
         EXPECT_EQ(method->callWithRetry([&] { return c.answers[std::min(calls++, c.answers.size() - 1)]; }),
             c.answers.back() == Status::Success)
             << c.why;
         EXPECT_EQ(calls, c.calls) << c.why;
         EXPECT_EQ(m_clock.sleeps, c.sleeps) << c.why;
-        const auto lines = m_log.lines();
-        ASSERT_GE(lines.size() - static_cast<std::size_t>(before), c.lines.size()) << c.why;
-        EXPECT_EQ(std::vector(lines.end() - static_cast<std::ptrdiff_t>(c.lines.size()), lines.end()), c.lines)
-            << c.why;
+        auto lines = log.lines();
+        ASSERT_GE(lines.size(), c.lines.size()) << c.why;
+        lines.erase(lines.begin(), lines.end() - static_cast<std::ptrdiff_t>(c.lines.size()));
+        EXPECT_EQ(lines, c.lines) << c.why;
     }
 }
 
 TEST_F(ResilienceTest, WaitsInFullAndWithJitter)
 {
     m_clock.interruptions = 1;
-    RegularIntervalRetry interrupted(m_log.logger(), 500, 1, 0);
-    int calls = 0;
-    EXPECT_TRUE(interrupted.callWithRetry([&] { return ++calls < 2 ? Status::Retry : Status::Success; }));
+    RegularIntervalRetry regular(m_log.logger(), 500, 1, 0);
+    EXPECT_FALSE(regular.callWithRetry([] { return Status::Retry; }));
     EXPECT_THAT(m_clock.sleeps, ElementsAre(500ms, 250ms)) << "the rest of it";
 
     for (const bool isRegular : {true, false}) {
@@ -148,10 +140,7 @@ TEST_F(ResilienceTest, WaitsInFullAndWithJitter)
         EXPECT_THAT(seen, ElementsAre(10ms, 11ms, 12ms)) << "both ends, and never in the interval";
     }
     const std::size_t lines = m_log.lines().size();
-    RegularIntervalRetry method(m_log.logger(), 1, 1, 0);
-    EXPECT_THROW(method.callWithRetry({}), std::bad_function_call);
-    EXPECT_EQ(
-        thrownBy([&] { method.callWithRetry([]() -> Status { throw std::logic_error("thrown"); }); }), "logic: thrown");
+    EXPECT_THROW(regular.callWithRetry({}), std::bad_function_call);
     EXPECT_EQ(m_log.lines().size(), lines);
 }
 
@@ -160,7 +149,6 @@ TEST_F(ResilienceTest, MetersTickInWholeSeconds)
     MeterMetric meter("bytes", 1s);
     EXPECT_EQ(meter.getRateMean(), 0);
     meter.mark(10);
-    EXPECT_EQ(meter.getCount(), 10U);
     m_clock.now += 1s;
     EXPECT_EQ(meter.getRate5Sec(), 0) << "a second is no tick";
     m_clock.now += 1ns;
@@ -173,10 +161,8 @@ TEST_F(ResilienceTest, MetersTickInWholeSeconds)
     EXPECT_NEAR(meter.getRate1Min(), 10 * std::exp(-2 / 60.0), 1e-9);
     EXPECT_NEAR(meter.getRate5Min(), 10 * std::exp(-2 / 300.0), 1e-9);
     EXPECT_NEAR(meter.getRate15Min(), 10 * std::exp(-2 / 900.0), 1e-9);
-    m_clock.now += 500ms;
-    const double before = meter.getRate5Sec();
-    m_clock.now += 1ns;
-    EXPECT_LT(meter.getRate5Sec(), before) << "the grid stands";
+    m_clock.now += 500ms + 1ns;
+    EXPECT_NEAR(meter.getRate5Sec(), 10 * std::exp(-2.4), 1e-9) << "the grid stands";
     EXPECT_EQ(meter.getElapsedDuration(), 4s + 1ns);
     EXPECT_DOUBLE_EQ(meter.getRateMean(), 10e9 / (4e9 + 1));
 

@@ -43,8 +43,7 @@ std::string readRequest(const std::function<int(char*, int)>& read)
     return request;
 }
 
-class HttpTest : public testing::Test {
-protected:
+struct HttpTest : testing::Test {
     static void SetUpTestSuite() { EXPECT_EQ(CurlHelper::Setup(), CURLE_OK); }
     static void TearDownTestSuite() { CurlHelper::Cleanup(); }
 
@@ -104,39 +103,35 @@ protected:
 TEST_F(HttpTest, SendsExactlyWhatIsDocumented)
 {
     const std::string basic = "Authorization: Basic dXNlcjpzZWNyZXQ=\r\n";
-    const auto noCertificate = [](Path&, Path&) {};
+    const auto none = [](Path&, Path&) {};
     const std::string binary("\0\xff{", 3);
     struct Case {
         std::string method;
         std::string authorization;
         std::string body;
-        std::function<long(const CurlHelper&, const std::string& url)> send;
+        std::function<long(const std::string& url)> send;
     };
     const std::vector<std::string> extra = {"X-First: 1", "X-Second: 2"};
     info::Logger& log = m_log.logger();
     const json body = {{"key", "value"}};
+    const std::string text = body.dump();
+    const CurlHelper h = http();
     std::string& out = m_response;
-    for (const Case& c :
-        std::vector<Case>{
-            {"GET", "", "", [&](auto&h, auto&u) { return h.getRequest(u, out, log, {}, 5s); }},
-            {"POST", "", body.dump(), [&](auto&h, auto&u) { return h.postRequest(u, body, out, log, 0s); }},
-            {"PUT", "", body.dump(), [&](auto&h, auto&u) { return h.putRequest(u, body, out, log, -1s); }},
-            {"GET", basic, "",
-                [&](auto&h, auto&u) { return h.getRequestWithBasicAuth(u, out, log, noCertificate, extra, 5s); }},
-            {"POST", basic, body.dump(),
-                [&](auto&h, auto&u) {
-                    return h.postRequestWithBasicAuth(u, body, out, log, noCertificate, extra, 5s);
-                }},
-            {"PUT", basic, body.dump(),
-                [&](auto&h, auto&u) { return h.putRequestWithBasicAuth(u, body, out, log, noCertificate, extra, 5s); }},
-            {"POST", basic, binary,
-                [&](auto&h, auto&u) {
-                    return h.postRequestBinaryWithBasicAuth(u, binary, out, log, noCertificate, extra, 5s);
-                }},
-        }) {
+    for (const Case& c : std::vector<Case>{
+             {"GET", "", "", [&](auto& u) { return h.getRequest(u, out, log, {}, 5s); }},
+             {"POST", "", text, [&](auto& u) { return h.postRequest(u, body, out, log, 0s); }},
+             {"PUT", "", text, [&](auto& u) { return h.putRequest(u, body, out, log, -1s); }},
+             {"GET", basic, "", [&](auto& u) { return h.getRequestWithBasicAuth(u, out, log, none, extra, 5s); }},
+             {"POST", basic, text,
+                 [&](auto& u) { return h.postRequestWithBasicAuth(u, body, out, log, none, extra, 5s); }},
+             {"PUT", basic, text,
+                 [&](auto& u) { return h.putRequestWithBasicAuth(u, body, out, log, none, extra, 5s); }},
+             {"POST", basic, binary,
+                 [&](auto& u) { return h.postRequestBinaryWithBasicAuth(u, binary, out, log, none, extra, 5s); }},
+         }) {
         out = "from before";
         const TcpServer server(plain(kAnswer));
-        EXPECT_EQ(c.send(http(), url(server)), 200);
+        EXPECT_EQ(c.send(url(server)), 200);
         EXPECT_EQ(out, "ok");
         const std::string length = c.body.empty() ? "" : "Content-Length: " + std::to_string(c.body.size()) + "\r\n";
         const auto date = m_request.find("Date: ");
@@ -239,37 +234,30 @@ TEST_F(HttpTest, TracesTextsButNoSecrets)
     for (const auto& [type, text, line] :
         {
             Case{0, full + "\n", "CURLINFO_TEXT: " + full},
-            Case{0, full + "y", "CURLINFO_TEXT: " + full + "... <truncated remaining 1B>"},
             Case{0, full.substr(1) + "\x01zz", "CURLINFO_TEXT: " + full.substr(1) + "<01>... <truncated remaining 2B>"},
             Case{0, "a\tb\n\n", "CURLINFO_TEXT: a\tb\n"},
             Case{0, "\xc3\x7f", "CURLINFO_TEXT: <c3><7f>"},
             Case{7, "new", "Unknown curlinfo_type (7): new"},
-            Case{0, "h2h3 [Proxy-Authorization: Basic abc]\nnext",
-                "CURLINFO_TEXT: h2h3 [Proxy-Authorization: <redacted>\nnext"},
+            Case{0, "[Proxy-Authorization: Basic abc]\nnext", "CURLINFO_TEXT: [Proxy-Authorization: <redacted>\nnext"},
             Case{0, "[cookie \t:a] [authorization: b]", "CURLINFO_TEXT: [cookie \t: <redacted>"},
-            Case{0, "no authorization\nUses proxy env variable http_proxy == 'u:p@ss@h'",
-                "CURLINFO_TEXT: no authorization\nUses proxy env variable http_proxy == '<redacted>@h'"},
+            Case{0, "no authorization\nUses 'u:p@ss@h'", "CURLINFO_TEXT: no authorization\nUses '<redacted>@h'"},
             Case{1, "header", ""},
-            Case{4, "data", ""},
             Case{6, "tls", ""},
         }) {
-        const std::size_t before = m_log.lines().size();
+        test::CapturingLogger log;
         std::string data = text;
         using Resources = CurlHelper::CurlAndHeaders;
-        EXPECT_EQ(Resources::log_callback(nullptr, curl_infotype(type), data.data(), data.size(), &m_log.logger()), 0);
-        EXPECT_EQ(m_log.lines().size() - before, line.empty() ? 0U : 1U) << text;
-        EXPECT_TRUE(line.empty() || m_log.entries().back().text == line + "\n") << line;
+        EXPECT_EQ(Resources::log_callback(nullptr, curl_infotype(type), data.data(), data.size(), &log.logger()), 0);
+        EXPECT_EQ(log.lines(), std::vector<std::string>(line.empty() ? 0 : 1, "3 " + line));
     }
 }
 
 TEST_F(HttpTest, Downloads)
 {
     const Path target = m_dir.file("file", "longer than that");
-    {
-        const TcpServer server(plain(kAnswer));
-        http().downloadFile(url(server), target, m_log.logger());
-        EXPECT_EQ(test::contentOf(target.u8string()), "oknger than that") << "not truncated";
-    }
+    const TcpServer first(plain(kAnswer));
+    http().downloadFile(url(first), target, m_log.logger());
+    EXPECT_EQ(test::contentOf(target.u8string()), "oknger than that") << "not truncated";
     const TcpServer server(plain(kAnswer));
     EXPECT_EQ(curlCodeOf([&] { http().downloadFile(url(server), "/dev/full", m_log.logger()); }), CURLE_WRITE_ERROR);
     EXPECT_EQ(thrownBy([&] { http().downloadFile("http://h", m_dir / "no/file", m_log.logger()); }),

@@ -89,7 +89,7 @@ TEST_F(Extents, AreThoseThatTheSystemsOwnToolFinds)
     const std::string path = m_dir / "fragments";
     const std::string make = "for i in $(seq 40); do echo data | dd of=$f bs=100000 seek=$i conv=notrunc; done; ";
     const std::string ask = "truncate -s 9M $f; sync $f; PATH=$PATH:/usr/sbin filefrag -v -b512 $f";
-    const std::string numbers = " | sed -nE 's/^ +[0-9]+:[^:]+: +([0-9]+)\\.\\.[^:]+: +([0-9]+):.*/\\1 \\2/p' > $f.txt";
+    const std::string numbers = R"( | sed -nE 's/^ +[0-9]+:[^:]+: +([0-9]+)\.\.[^:]+: +([0-9]+):.*/\1 \2/p' > $f.txt)";
     // NOLINTNEXTLINE(cert-env33-c): a path of our own making
     (void)std::system(("exec 2>/dev/null; f=" + path + "; " + make + ask + numbers).c_str());
     const std::string failure = thrownBy([&] { extents(m_log.logger(), path, 512, m_out); });

@@ -15,7 +15,7 @@ struct Work : IService {
     void run() override
     {
         begun.release();
-        if (gate) gate->acquire();
+        if (gate != nullptr) gate->acquire();
         if (failure) std::rethrow_exception(failure);
         ++runs;
     }
@@ -31,7 +31,10 @@ struct Unspeakable : std::exception {
 };
 
 struct AsyncServiceTest : testing::Test {
-    AsyncService::Options options() { return AsyncService::Options().serviceName("backup").serviceTarget(m_work); }
+    AsyncService::Options options() const
+    {
+        return AsyncService::Options().serviceName("backup").serviceTarget(m_work);
+    }
 
     // How a trigger ended: "done" or "broken".
     static std::string outcomeOf(std::future<void> future)

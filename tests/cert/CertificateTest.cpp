@@ -11,20 +11,20 @@ namespace {
 
 using test::CertificateSpec;
 using test::Identity;
-using testing::ElementsAre;
 
 constexpr const char* kComment = "2.16.840.1.113730.1.13";
 
 TEST(DistinguishedName, IsTakenApart)
 {
     for (const auto& [text, expected] : std::vector<std::pair<std::string, std::string>>{
-             {"CN=12345,O=Org,OU=Unit", "12345|Org|Unit|12345"}, {"", "|||-1"}, {"CN=backup-node", "backup-node|||-1"},
-             {"CN= 77abc", " 77abc|||77"}, {"CN=1.234", "1.234|||1"}, // no grouping
-             {"CN=2147483648", "2147483648|||-1"},                    // beyond an int
-             {"CN=a\\,b,cn=c, O=d", "a\\,b|||-1"},                    // escapes stay; case and blanks count
-             {"OU=a+O=b,CN=1\\+2", "1\\+2|b|a|1"},                    // cut at '+', but where it is escaped
-             {"CN=+5", "|||-1"},                                      // so this is set twice, to nothing at last
-             {"CN=1,CN=2,C=X", "2|||2"},                              // the last one counts
+             {"", "|||-1"},
+             {"CN= 77abc", " 77abc|||77"},
+             {"CN=2147483648", "2147483648|||-1"},
+             {"CN=1.234", "1.234|||1"},            // no grouping
+             {"CN=a\\,b,cn=c, O=d", "a\\,b|||-1"}, // escapes stay; case and blanks count
+             {"OU=a+O=b,CN=1\\+2", "1\\+2|b|a|1"}, // cut at '+', but where it is escaped
+             {"CN=+5", "|||-1"},                   // so this is set twice, to nothing at last
+             {"CN=1,CN=2,C=X", "2|||2"},
          }) {
         const DistinguishedName name(text);
         EXPECT_EQ(name.getCommonName() + '|' + name.getOrganization() + '|' + name.getOrganizationalUnit() + '|' +
@@ -50,28 +50,21 @@ protected:
 
 TEST_F(CertificateTest, ImportsAChainInTheOrderOfTheFile)
 {
-    const std::string number = "12345";
-    const Identity leaf({.subject = {{"CN", number}, {"O", "Org"}}, .validFrom = -5, .validUntil = 50}, &m_authority);
-    const Identity stranger(CertificateSpec{.subject = {{"CN", "Stranger"}}});
+    const Identity leaf({.subject = {{"CN", "12345"}}, .validFrom = -5, .validUntil = 50}, &m_authority);
     auto holder = std::make_shared<Certificate>(
-        m_log.logger(), Path(m_dir.file("chain.pem", leaf.pem() + m_authority.pem() + stranger.pem())));
-    EXPECT_EQ(holder->getName() + holder->getNameBlob(), number + number);
-    EXPECT_EQ(holder->getIssuer() + holder->getIssuerBlob(), "AuthorityAuthority");
+        m_log.logger(), Path(m_dir.file("chain.pem", leaf.pem() + m_authority.pem() + leaf.pem())));
+    EXPECT_EQ(holder->getNameBlob() + holder->getIssuer() + holder->getIssuerBlob(), "12345AuthorityAuthority");
     EXPECT_EQ(holder->getDeviceId(), 12345);
     EXPECT_EQ(holder->getExpirationTime() - holder->getActivationTime(), 55);
     EXPECT_LE(holder->getActivationTime() - std::time(nullptr), -5);
 
     const auto second = holder->getIssuerCertificate();
     EXPECT_EQ(second->getName(), "Authority");
-    EXPECT_EQ(second->getIssuerCertFromChain()->getName(), "Stranger");
+    EXPECT_EQ(second->getIssuerCertFromChain()->getName(), "12345");
     const auto chain = holder->getChain();
     EXPECT_THAT(std::vector(chain.begin() + 1, chain.end()), second->getChain()) << "borrowed, not copied";
-    EXPECT_EQ(chain.size(), 3U);
     holder.reset();
     EXPECT_EQ(second->getIssuerCertificate()->getIssuerCertificate(), nullptr) << "lives on";
-
-    EXPECT_EQ(test::thrownBy([&] { second->makeClientStream(nullptr, std::chrono::seconds(1)); }),
-        "runtime: Not implemented");
 }
 
 TEST_F(CertificateTest, RefusesWhatIsNone)
@@ -79,41 +72,26 @@ TEST_F(CertificateTest, RefusesWhatIsNone)
     const auto refused = [](const std::string& path, const std::string& reason) {
         return "invalid argument: Failed to import file " + path + " as certificate (" + reason + ")";
     };
-    const auto broken = [](int code) {
-        return std::string("runtime: ") + GnuTlsError("Failed to import certificate (import error)", code).what();
-    };
     const std::string pem = m_authority.pem();
     const std::string full = m_dir.file("full", pem + std::string(50'000 - pem.size(), '\n'));
     EXPECT_EQ(importError(full), "nothing") << "the largest file";
     std::ofstream(full, std::ios::app) << '\n';
     EXPECT_EQ(importError(full), refused(full, "file too large"));
     EXPECT_EQ(importError(m_dir / "missing"), refused(m_dir / "missing", "failed to open file"));
-    EXPECT_EQ(importError(m_dir.path()), refused(m_dir.path(), "failed to open file"));
-
-    std::string damaged = pem;
-    damaged[pem.size() / 2] = '\0';
-    for (const std::string& content : {std::string(), std::string("no certificate"), m_authority.keyPem(),
-             pem.substr(0, pem.size() / 2), damaged, pem + pem.substr(0, 100) + "\n-----END CERTIFICATE-----\n"})
-        EXPECT_THROW(certificate(content), GnuTlsError) << content;
-    EXPECT_EQ(importError(m_dir.file("empty", "")), broken(GNUTLS_E_NO_CERTIFICATE_FOUND));
-
-    EXPECT_EQ(
-        test::thrownBy([&] { Certificate(m_log.logger()).parseCerts(nullptr, 0, GNUTLS_X509_FMT_PEM); }), broken(0));
+    EXPECT_THROW(certificate(pem + pem.substr(0, 100) + "\n-----END CERTIFICATE-----\n"), GnuTlsError);
+    EXPECT_EQ(importError(m_dir.file("empty", "")),
+        std::string("runtime: ") +
+            GnuTlsError("Failed to import certificate (import error)", GNUTLS_E_NO_CERTIFICATE_FOUND).what());
     EXPECT_EQ(
         test::thrownBy([&] { Certificate c(m_log.logger(), Cert::Peer, nullptr); }), "invalid argument: Bad session");
 }
 
-TEST_F(CertificateTest, TakesNamesAndChainsOfAnySize)
+TEST_F(CertificateTest, TakesNamesOfAnySize)
 {
-    EXPECT_EQ(certificate(Identity(CertificateSpec{.subject = {}}).pem()).getName(), "");
     CertificateSpec large{.subject = {}};
     for (int i = 0; i < 200; ++i) large.subject.emplace_back("OU", std::string(64, 'x'));
     large.subject.emplace_back("CN", "77");
     EXPECT_EQ(certificate(Identity(large).pem()).getDeviceId(), 77);
-
-    std::string pem;
-    for (int i = 0; i < 100; ++i) pem += Identity(CertificateSpec{.subject = {}}).pem();
-    EXPECT_EQ(certificate(pem).getChain().size(), 100U);
 }
 
 TEST_F(CertificateTest, VerifiesAClientAgainstTheLocalChain)
@@ -122,34 +100,27 @@ TEST_F(CertificateTest, VerifiesAClientAgainstTheLocalChain)
     const Certificate local = certificate(other.pem() + m_authority.pem());
     using Case = std::tuple<const char*, const Identity*, long, long, std::vector<std::string>>;
     for (const auto& [why, issuer, validFrom, validUntil, expected] : {
-             Case{"an authority that comes second", &m_authority, -60, 60, {}},
-             Case{"expired", &m_authority, -60, -30, {"Cert expired"}},
-             Case{"not yet valid", &m_authority, 60, 90, {"Cert invalid activation time"}},
-             Case{"signed by itself", nullptr, -60, 60, {"Cert signer not found"}},
+             Case{"an authority that comes second", &m_authority, -60, 60, {"earlier"}},
+             Case{"expired", &m_authority, -60, -30, {"earlier", "Cert expired"}},
+             Case{"not yet valid", &m_authority, 60, 90, {"earlier", "Cert invalid activation time"}},
+             Case{"signed by itself", nullptr, -60, 60, {"earlier", "Cert signer not found"}},
          }) {
         Certificate client = certificate(Identity({.validFrom = validFrom, .validUntil = validUntil}, issuer).pem());
         unsigned int status = 0;
-        std::vector<std::string> errors = {"earlier"};
-        EXPECT_EQ(client.gnutlsCertificateVerify(local, status, errors), !expected.empty()) << why;
-        EXPECT_EQ((status & GNUTLS_CERT_INVALID) != 0, !expected.empty()) << why;
-        EXPECT_EQ(errors.front(), "earlier");
-        EXPECT_EQ(std::vector(errors.begin() + 1, errors.end()), expected) << why;
+        std::vector<std::string> errors = {"earlier"}; // stays
+        EXPECT_EQ(client.gnutlsCertificateVerify(local, status, errors), expected.size() > 1) << why;
+        EXPECT_EQ(errors, expected) << why;
     }
-    unsigned int status = 0;
-    std::vector<std::string> errors;
-    EXPECT_TRUE(Certificate(m_log.logger()).gnutlsCertificateVerify(local, status, errors));
-    EXPECT_THAT(errors, ElementsAre("Internal error - failed to verify client cert against local certificate"));
 }
 
 std::string signedBy(const Identity& identity, const std::string& text)
 {
     const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(), EVP_MD_CTX_free);
-    std::string signature(512, '\0');
+    std::string signature(256, '\0');
     std::size_t size = signature.size();
     EVP_DigestSignInit(context.get(), nullptr, EVP_sha1(), nullptr, identity.key());
     EVP_DigestSign(context.get(), reinterpret_cast<unsigned char*>(signature.data()), &size,
         reinterpret_cast<const unsigned char*>(text.data()), text.size());
-    signature.resize(size);
     return signature;
 }
 
@@ -161,8 +132,7 @@ TEST_F(CertificateTest, VerifiesPairTickets)
         const Certificate holder = certificate(local.pem());
         std::string signature = signedBy(local, ticket);
         const gnutls_datum_t data{reinterpret_cast<unsigned char*>(ticket.data()), 6};
-        const gnutls_datum_t proof{
-            reinterpret_cast<unsigned char*>(signature.data()), static_cast<unsigned int>(signature.size())};
+        const gnutls_datum_t proof{reinterpret_cast<unsigned char*>(signature.data()), 256};
         const unsigned int flags = GNUTLS_VERIFY_ALLOW_SIGN_WITH_SHA1;
         EXPECT_EQ(holder.gnutlsCertificateVerifyData(flags, &data, &proof) >= 0, validUntil > 0);
         signature[7] ^= 1;
@@ -173,8 +143,6 @@ TEST_F(CertificateTest, VerifiesPairTickets)
     EXPECT_EQ(test::thrownBy([&] { verify(60, 90); }),
         "runtime: Error occurred verifying certificate data: Local certificate is not yet activated. Verify that "
         "system time is accurate.");
-    EXPECT_EQ(test::thrownBy([&] { Certificate(m_log.logger()).gnutlsCertificateVerifyData(0, nullptr, nullptr); }),
-        "runtime: Internal error occurred verifying certificate data: uninitialized certificate");
 }
 
 // Both ends of a GnuTLS session over a pair of sockets; the client trusts nobody, which is not looked at.
@@ -193,27 +161,20 @@ TEST_F(CertificateTest, ComeFromSessions)
         gnutls_init(&ends[i], i == 0 ? GNUTLS_CLIENT : GNUTLS_SERVER);
         gnutls_set_default_priority(ends[i]);
         gnutls_transport_set_int(ends[i], pair[i]);
+        gnutls_credentials_set(ends[i], GNUTLS_CRD_CERTIFICATE, credentials);
     }
-    gnutls_credentials_set(ends[1], GNUTLS_CRD_CERTIFICATE, credentials);
-    const auto thrown = [&](Cert which, int end) {
-        return test::thrownBy([&] { const Certificate c(m_log.logger(), which, ends[end]); });
-    };
-    gnutls_certificate_credentials_t none = nullptr;
-    gnutls_certificate_allocate_credentials(&none);
-    gnutls_credentials_set(ends[0], GNUTLS_CRD_CERTIFICATE, none);
     std::thread server([&] { gnutls_handshake(ends[1]); });
     EXPECT_EQ(gnutls_handshake(ends[0]), 0);
     server.join();
 
-    const Certificate local(m_log.logger(), Cert::Local, ends[1]);
-    const Certificate peer(m_log.logger(), Cert::Peer, ends[0]);
-    EXPECT_EQ(local.getDeviceId(), 7);
-    EXPECT_EQ(peer.getIssuerCertificate()->getName(), "Authority");
-    EXPECT_EQ(thrown(Cert::Local, 0), "runtime: Failed to load local certificate");
-    EXPECT_EQ(thrown(Cert::Peer, 1), "runtime: Failed to verify peer certificate");
-    EXPECT_EQ(thrown(Cert(2), 1), "invalid argument: Internal error occurred loading certificate");
+    EXPECT_EQ(Certificate(m_log.logger(), Cert::Local, ends[1]).getDeviceId(), 7);
+    EXPECT_EQ(Certificate(m_log.logger(), Cert::Peer, ends[0]).getIssuerCertificate()->getName(), "Authority");
+    EXPECT_EQ(test::thrownBy([&] { Certificate(m_log.logger(), Cert::Local, ends[0]); }),
+        "runtime: Failed to load local certificate");
+    EXPECT_EQ(test::thrownBy([&] { Certificate(m_log.logger(), Cert::Peer, ends[1]); }),
+        "runtime: Failed to verify peer certificate");
     for (auto* const end : ends) gnutls_deinit(end);
-    for (auto* const credential : {credentials, none}) gnutls_certificate_free_credentials(credential);
+    gnutls_certificate_free_credentials(credentials);
     for (const int fd : pair) ::close(fd);
 }
 
@@ -221,28 +182,18 @@ TEST_F(CertificateTest, FindsNetscapeComments)
 {
     const auto ia5 = [](const std::string& text) { return "\x16" + std::string(1, char(text.size())) + text; };
     const std::string longest(127, 'l');
-    const std::string beyond = "\x80" + std::string(128, 'x');
     const auto with = [&](const std::vector<std::pair<const char*, std::string>>& extensions) {
         return certificate(Identity({.extensions = extensions}, &m_authority).pem());
     };
-    using Case = std::tuple<const char*, std::string, std::string, bool>;
-    for (const auto& [why, value, comment, isFound] : {
-             Case{"plain", ia5("abc"), "abc", true},
-             Case{"longer", ia5("abc"), "abcd", false},
-             Case{"the longest", ia5(longest), longest, true},
-             Case{"the same, but for 256 bytes", ia5(longest), longest + std::string(256, 'l'), false},
-             Case{"another type", "\x0c\x03utf", "utf", false},
-             Case{"no length", "\x16", "", false},
-             Case{"a long form that looks like the short form of 129", "\x16\x81" + beyond, beyond, false},
-         }) {
-        const std::string longOid = "1.2.840.113549.1.9.16.2.47.9.9";
-        EXPECT_EQ(
-            with({{longOid.c_str(), "x"}, {"1.2.3.4", ia5("other")}, {kComment, value}}).hasNSComment(comment), isFound)
-            << why;
-    }
+    using Case = std::tuple<std::string, std::string, bool>;
+    for (const auto& [value, comment, isFound] : {
+             Case{ia5("abc"), "abc", true}, Case{ia5("abc"), "abcd", false}, Case{ia5(longest), longest, true},
+             Case{ia5(longest), longest + std::string(256, 'l'), false}, // the same length in a byte
+             Case{"\x0c\x03utf", "utf", false},                          // another type
+             Case{"\x16", "", false},                                    // no length
+         })
+        EXPECT_EQ(with({{"1.2.3.4", ia5("other")}, {kComment, value}}).hasNSComment(comment), isFound) << comment;
     EXPECT_FALSE(with({{"1.2.3.4", ia5("abc")}}).hasNSComment("abc")) << "another extension";
-    EXPECT_FALSE(Certificate(m_log.logger()).hasNSComment("abc"));
-    EXPECT_FALSE(with({{kComment, ia5("abc")}}).nsCommentExtensionDataMatches(0x1'0000'0000, "abc")) << "no index";
 
     std::vector<std::string> oids(100);
     std::vector<std::pair<const char*, std::string>> many(100, {nullptr, "x"});

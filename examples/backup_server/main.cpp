@@ -71,12 +71,14 @@ int main(int argc, char** argv)
     app.add_option("--replica", options.replica, "image to keep up to date; made if missing")->required();
     app.add_option("--log", options.log, "file to which all log lines are added");
     app.add_flag("--once", options.once, "serve one client, and end with status 2 if that fails");
-    CLI11_PARSE(app, argc, argv);
     try {
+        app.parse(argc, argv);
         const LogPrinter printer(options.log);
         Logger logger = printer.makeLogger();
         serve(options, logger);
         return EXIT_SUCCESS;
+    } catch (const CLI::ParseError& e) {
+        return app.exit(e) == 0 ? EXIT_SUCCESS : 2;
     } catch (const std::exception& e) {
         std::cerr << "backup_server: " << e.what() << '\n';
         return 2;

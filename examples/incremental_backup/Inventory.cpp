@@ -3,6 +3,7 @@
 #include "agent/TelemetryStore.h"
 #include "agent/info/SystemInfoProvider.h"
 
+#include <algorithm>
 #include <exception>
 #include <iostream>
 #include <string>
@@ -17,8 +18,8 @@ namespace {
 
 std::vector<std::string> namesOf(const std::vector<agent::Path>& paths)
 {
-    std::vector<std::string> names;
-    for (const agent::Path& path : paths) names.push_back(path.u8string());
+    std::vector<std::string> names(paths.size());
+    std::transform(paths.begin(), paths.end(), names.begin(), [](const agent::Path& path) { return path.u8string(); });
     return names;
 }
 

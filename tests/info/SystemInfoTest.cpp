@@ -79,9 +79,7 @@ TEST_F(SystemInfo, AsksTheKernel)
         EXPECT_EQ(testing::PrintToString(n) + rest, expected);
     }
     EXPECT_EQ(m_info.getOSArchitectureBitSize(), 32U) << "of an unknown machine";
-    EXPECT_EQ(m_info.getHostName() + '\n', test::contentOf("/proc/sys/kernel/hostname"));
-    EXPECT_THAT(m_info.getUserHomeDirs(), testing::Contains(Path("/root")));
-    EXPECT_EQ(m_info.getUserHomeDirs(), m_info.getUserHomeDirs()) << "from the beginning each time";
+    for (int i = 0; i < 2; ++i) EXPECT_THAT(m_info.getUserHomeDirs(), testing::Contains(Path("/root")));
     EXPECT_EQ(thrownBy([&] { m_info.getServices(); }), "runtime: getServicesis not implemented.");
 }
 
@@ -122,6 +120,7 @@ TEST_F(SystemInfo, ListsNetworkAddresses)
     EXPECT_THAT(m_info.getIPv4Addresses(log.logger()), ElementsAre("127.0.0.1"));
     g_interfaces = entries;
     EXPECT_THAT(m_info.getMACAddresses(log.logger()), ElementsAre("00-16-3e-0a-ff-01"));
+    EXPECT_EQ(g_interfaces, nullptr) << "freed";
     EXPECT_THAT(
         log.lines(), ElementsAre("4 Found an IPv4 address: 127.0.0.1", "4 Found a mac address: 00-16-3e-0a-ff-01"));
 }

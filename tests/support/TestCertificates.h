@@ -47,9 +47,9 @@ public:
                 reinterpret_cast<const unsigned char*>(value.data()), static_cast<int>(value.size()), -1, 0);
         X509_set_issuer_name(x509, X509_get_subject_name(issuer != nullptr ? issuer->m_certificate.get() : x509));
         X509_set_pubkey(x509, m_key.get());
-        if (issuer == nullptr) extend(NID_basic_constraints, "critical,CA:TRUE");
-        if (!spec.names.empty()) extend(NID_subject_alt_name, spec.names.c_str());
-        for (const auto& [oid, value] : spec.extensions) extendRaw(oid, value);
+        if (issuer == nullptr) extend("basicConstraints", "critical,CA:TRUE");
+        if (!spec.names.empty()) extend("subjectAltName", spec.names);
+        for (const auto& [oid, value] : spec.extensions) extend(oid, der(value));
         X509_sign(x509, issuer != nullptr ? issuer->m_key.get() : m_key.get(), EVP_sha256());
     }
 
@@ -76,20 +76,20 @@ private:
         const long size = BIO_get_mem_data(bio.get(), &data);
         return {data, static_cast<std::size_t>(size)};
     }
-    void add(X509_EXTENSION* extension) const
+    static std::string der(const std::string& value)
     {
+        std::string text = "DER:";
+        for (const unsigned char byte : value) {
+            text += "0123456789ABCDEF"[byte / 16];
+            text += "0123456789ABCDEF"[byte % 16];
+        }
+        return text;
+    }
+    void extend(const char* name, const std::string& value) const
+    {
+        X509_EXTENSION* const extension = X509V3_EXT_conf(nullptr, nullptr, name, value.c_str());
         X509_add_ext(x509(), extension, -1);
         X509_EXTENSION_free(extension);
-    }
-    void extend(int nid, const char* value) const { add(X509V3_EXT_conf_nid(nullptr, nullptr, nid, value)); }
-    void extendRaw(const char* oid, const std::string& value) const
-    {
-        const std::unique_ptr<ASN1_OCTET_STRING, decltype(&ASN1_OCTET_STRING_free)> octets(
-            ASN1_OCTET_STRING_new(), ASN1_OCTET_STRING_free);
-        ASN1_OCTET_STRING_set(
-            octets.get(), reinterpret_cast<const unsigned char*>(value.data()), static_cast<int>(value.size()));
-        const std::unique_ptr<ASN1_OBJECT, decltype(&ASN1_OBJECT_free)> object(OBJ_txt2obj(oid, 1), ASN1_OBJECT_free);
-        add(X509_EXTENSION_create_by_OBJ(nullptr, object.get(), 0, octets.get()));
     }
 
     std::shared_ptr<EVP_PKEY> m_key;
@@ -137,7 +137,6 @@ struct TlsServerOptions {
     const Identity& identity;
     const Identity* clientAuthority = nullptr; ///< clients have to show a certificate of it; null: none need one
     int version = 0;                           ///< the only one spoken; 0: all
-    const char* ciphers = nullptr;
 };
 
 /// What a TcpServer has to do to serve TLS with blocking calls. `serve` gets the connection after its handshake.
@@ -152,7 +151,7 @@ inline std::function<void(int)> tls(const TlsServerOptions& options, std::functi
     }
     SSL_CTX_set_min_proto_version(context.get(), options.version);
     SSL_CTX_set_max_proto_version(context.get(), options.version);
-    if (options.ciphers != nullptr) SSL_CTX_set_cipher_list(context.get(), options.ciphers);
+    SSL_CTX_set_security_level(context.get(), 0); // so that old versions are there for clients to refuse
     return [context, serve = std::move(serve)](int fd) {
         const std::unique_ptr<SSL, decltype(&SSL_free)> connection(SSL_new(context.get()), SSL_free);
         SSL_set_fd(connection.get(), fd);

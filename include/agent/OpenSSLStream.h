@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <memory>
+#include <string>
 
 namespace agent {
 
@@ -114,6 +115,7 @@ private:
     Ret getSSLFunctionRet(int result, bool quiet);
     Ret sslRead(void* buffer, unsigned int size, unsigned int& bytesRead);
     Ret sslWrite(const void* buffer, unsigned int size, unsigned int& bytesWritten);
+    Ret notMoved(int result, const std::string& direction, const std::string& function);
     void shutdownSSL();
     void notifyPeer();
     void logErrorQueue(const char* before);

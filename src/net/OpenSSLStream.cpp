@@ -418,24 +418,9 @@ Ret OpenSSLStream::sslRead(void* buffer, unsigned int size, unsigned int& bytesR
     logErrorQueue("sslRead");
     errno = 0;
     const int count = SSL_read(m_connection.get(), buffer, asInt(size));
-    if (count > 0) {
-        bytesRead = static_cast<unsigned int>(count);
-        return {};
-    }
-    const Ret ret = getSSLFunctionRet(count, true);
-    switch (ret.code) {
-    case SSL_ERROR_NONE:
-        Logger::Entry(m_logger, Logger::DEBUG) << "Read returned SSL_ERROR_NONE(" << ret.code << ") " << ret.message;
-        return {};
-    case SSL_ERROR_WANT_READ:
-        return handleWantRead();
-    case SSL_ERROR_WANT_WRITE:
-        return handleWantWrite();
-    case SSL_ERROR_ZERO_RETURN:
-        return {ECONNRESET, "Read returned EOF, remote closed socket. " + ret.message};
-    default:
-        return {ret.code, "SSL error on SSL_read: " + ret.message};
-    }
+    if (count <= 0) return notMoved(count, "Read", "SSL_read");
+    bytesRead = static_cast<unsigned int>(count);
+    return {};
 }
 
 Ret OpenSSLStream::sslWrite(const void* buffer, unsigned int size, unsigned int& bytesWritten)
@@ -445,23 +430,30 @@ Ret OpenSSLStream::sslWrite(const void* buffer, unsigned int size, unsigned int&
     logErrorQueue("sslWrite");
     errno = 0;
     const int count = SSL_write(m_connection.get(), buffer, asInt(size));
-    if (count > 0) {
-        bytesWritten = static_cast<unsigned int>(count);
-        return {};
-    }
-    const Ret ret = getSSLFunctionRet(count, true);
+    if (count <= 0) return notMoved(count, "Write", "SSL_write");
+    bytesWritten = static_cast<unsigned int>(count);
+    return {};
+}
+
+// Success if another try is worth it. To be called right after the OpenSSL function.
+Ret OpenSSLStream::notMoved(int result, const std::string& direction, const std::string& function)
+{
+    const Ret ret = getSSLFunctionRet(result, true);
     switch (ret.code) {
     case SSL_ERROR_NONE:
-        Logger::Entry(m_logger, Logger::DEBUG) << "Write returned SSL_ERROR_NONE(" << ret.code << ") " << ret.message;
+        Logger::Entry(m_logger, Logger::DEBUG)
+            << direction << " returned SSL_ERROR_NONE(" << ret.code << ") " << ret.message;
         return {};
     case SSL_ERROR_WANT_READ:
         return handleWantRead();
     case SSL_ERROR_WANT_WRITE:
         return handleWantWrite();
     case SSL_ERROR_ZERO_RETURN:
-        return {ECONNRESET, "Write returned EOF, remote closed socket."};
+        // Only reading tells more, as log scanners know it.
+        return {ECONNRESET, direction + " returned EOF, remote closed socket." +
+                                (direction == "Read" ? ' ' + ret.message : std::string())};
     default:
-        return {ret.code, "SSL error on SSL_write: " + ret.message};
+        return {ret.code, "SSL error on " + function + ": " + ret.message};
     }
 }
 

@@ -79,7 +79,8 @@ private:
     static std::string der(const std::string& value)
     {
         std::string text = "DER:";
-        for (const unsigned char byte : value) {
+        for (const char c : value) {
+            const auto byte = static_cast<unsigned char>(c);
             text += "0123456789ABCDEF"[byte / 16];
             text += "0123456789ABCDEF"[byte % 16];
         }

@@ -1,17 +1,20 @@
 // A store's file from outside: what can be loaded takes a change, keeps the rest, and is the same when it is loaded
-// again; what cannot is left alone. And any text is a key whose value is found where it was put.
+// again; what cannot is left alone. Any text is a key whose value is found where it was put, and which patterns match
+// as regular expressions do.
 
 #include "Require.h"
 
 #include "agent/JSONConfigDataProvider.h"
 #include "agent/PosixError.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <regex>
 #include <stdexcept>
 #include <string>
 
@@ -93,6 +96,22 @@ void findWhatWasSet(const StoreFile& file, const std::string& key)
     }
 }
 
+/// The first byte chooses the pattern; each of the next twelve stands for a piece of the key.
+void matchAKey(const std::string& bytes)
+{
+    using agent::JSONKeyValidator;
+    static const char* const patterns[] = {
+        R"(\bvolumes\b\..+\.\bcowFileSizeMiB\b$)", "^a.*b$", "a.b", R"(\ba\b)", "", "$", R"(\b\b.*\.)"};
+    static const char* const pieces[] = {"volumes", ".", "cowFileSizeMiB", ".", "autoExpand", "a", "b", "-", "_", "\n"};
+    if (bytes.empty()) return;
+    const char* const pattern = patterns[static_cast<unsigned char>(bytes[0]) % std::size(patterns)];
+    std::string key;
+    for (std::size_t i = 1; i < std::min<std::size_t>(bytes.size(), 13); ++i)
+        key += pieces[static_cast<unsigned char>(bytes[i]) % std::size(pieces)];
+    const JSONKeyValidator validator(pattern, JSONKeyValidator::Type::Bool);
+    require(validator.matches(key) == std::regex_search(key, std::regex(pattern)));
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
@@ -102,5 +121,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     change(file, text);
     change(file, "{\"value\": " + text + "}"); // numbers, mostly, where no fuzzer makes the text
     findWhatWasSet(file, text);
+    matchAKey(text);
     return 0;
 }

@@ -1,18 +1,7 @@
 #include "agent/Zip.h"
 #include "Support.h"
 
-#include <sys/resource.h>
-#include <unistd.h>
-
-#include <csignal>
-#include <cstdint>
-
-namespace agent {
 namespace {
-
-using namespace std::string_literals;
-using testing::HasSubstr;
-using testing::IsSupersetOf;
 
 const std::string kNotRead = "runtime: Failed to read data from archive for file f";
 const std::string kLeaves = "runtime: Entry name leaves the destination: ";
@@ -58,7 +47,7 @@ std::string archiveOf(const std::vector<Entry>& entries)
 }
 
 /// An archive, a place to extract it to, and a directory around both that must see nothing else.
-class ZipTest : public test::FileFixture {
+class ZipTest : public FileFixture {
 protected:
     void run(const std::string& command) const
     {
@@ -67,14 +56,14 @@ protected:
     }
     std::string extract(const std::string& password = "", bool overwrite = false, bool keepBoth = false) const
     {
-        return test::thrownBy([&] { zip.decompress(archive, out, password, overwrite, keepBoth); });
+        return thrownBy([&] { zip.decompress(archive, out, password, overwrite, keepBoth); });
     }
     std::string compress(const std::unordered_map<std::string, Path>& files, const Path& to, int level = 6) const
     {
-        return test::thrownBy([&] { zip.compress(files, to, level); });
+        return thrownBy([&] { zip.compress(files, to, level); });
     }
 
-    const test::TempDir& dir = m_dir;
+    const TempDir& dir = m_dir;
     Zip zip{m_log.logger()};
     std::string archive = dir / "a.zip";
     std::string out = dir / "out";
@@ -91,7 +80,7 @@ TEST_F(ZipTest, WhatItPacksOthersUnpackAndTheOtherWayRound)
             " && cat empty noise s/text | cmp - ../a && [ $(grep -ao KestaArchive ../a.zip | wc -l) = 3 ]");
         ASSERT_EQ(extract(), "nothing") << level;
         run("diff -r theirs out && rm -r theirs out");
-        const std::string bytes = test::contentOf(archive);
+        const std::string bytes = contentOf(archive);
         EXPECT_EQ(bytes.substr(bytes.find("PK\1\2") + 12, 4), "\0\0\x20\0"s) << "day 0 of January 1980";
     }
     run("printf target > in/target && ln -s target in/link"); // comes out as a plain file, of the same content
@@ -147,21 +136,21 @@ TEST_F(ZipTest, TreatsExistingFilesAsAsked)
     EXPECT_THAT(m_log.lines(), IsSupersetOf({"4 Extracting zip archive " + archive + " at " + out,
                                    "4 " + existing + " already exists, not overwriting or extracting copy.",
                                    "3 Creating directory " + out + "/x", "3 Creating directory " + out + "/y"}));
-    EXPECT_EQ(test::contentOf(out + "/y/g"), "attack at dawn") << "an absolute name, below the destination";
-    EXPECT_EQ(test::contentOf(out + "/f (1)"), "attack at dawn") << "to keep both beats to overwrite";
+    EXPECT_EQ(contentOf(out + "/y/g"), "attack at dawn") << "an absolute name, below the destination";
+    EXPECT_EQ(contentOf(out + "/f (1)"), "attack at dawn") << "to keep both beats to overwrite";
 
     dir.file("a.zip", archiveOf({{.data = kSecret, .flags = 9}}));
     EXPECT_EQ(extract("secreT", true), kBadPassword);
-    EXPECT_EQ(test::contentOf(existing), "something longer than that") << "a bad password destroys nothing";
+    EXPECT_EQ(contentOf(existing), "something longer than that") << "a bad password destroys nothing";
     ASSERT_EQ(extract("secret", true), "nothing");
-    EXPECT_EQ(test::contentOf(existing), "attack at dawn");
+    EXPECT_EQ(contentOf(existing), "attack at dawn");
 
     for (const char* const name : {"f/", "f/g"}) {
         dir.file("a.zip", archiveOf({emptyEntry(name)}));
         EXPECT_EQ(extract("", true), "runtime: Cannot create directory " + out + "/f, file of same name exists");
     }
     dir.file("a.zip", archiveOf({{.name = "/etc/f"}}));
-    EXPECT_EQ(test::thrownBy([&] { zip.decompress(archive, "", "", false, false); }), kLeaves + "/etc/f");
+    EXPECT_EQ(thrownBy([&] { zip.decompress(archive, "", "", false, false); }), kLeaves + "/etc/f");
 }
 
 TEST_F(ZipTest, TellsWhatItCouldNotPackAndLeavesNoArchive)
@@ -182,7 +171,7 @@ TEST_F(ZipTest, TellsWhatItCouldNotPackAndLeavesNoArchive)
     (void)::close(next);
     ASSERT_EQ(compress({{"f", "/proc/self/fdinfo/" + std::to_string(next)}}, archive), "nothing");
     ASSERT_EQ(extract(), "nothing");
-    EXPECT_THAT(test::contentOf(out + "/f"), HasSubstr("flags:\t02100001")) << "close-on-exec";
+    EXPECT_THAT(contentOf(out + "/f"), HasSubstr("flags:\t02100001")) << "close-on-exec";
 }
 
 TEST_F(ZipTest, AFullDiskIsNeverSilent)
@@ -195,7 +184,7 @@ TEST_F(ZipTest, AFullDiskIsNeverSilent)
 
     const std::string large = dir.file("large", std::string(20'000, 'x'));
     ASSERT_EQ(compress({{"f", large}, {"g", source}}, archive, 0), "nothing");
-    EXPECT_TRUE(test::inChild([&] { // with a limit to the size of files in the place of a full disk
+    EXPECT_TRUE(inChild([&] { // with a limit to the size of files in the place of a full disk
         (void)std::signal(SIGXFSZ, SIG_IGN);
         rlimit limit{10'000, RLIM_INFINITY};
         (void)::setrlimit(RLIMIT_FSIZE, &limit);
@@ -210,4 +199,3 @@ TEST_F(ZipTest, AFullDiskIsNeverSilent)
 }
 
 } // namespace
-} // namespace agent

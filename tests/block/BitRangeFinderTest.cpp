@@ -2,12 +2,9 @@
 #include "Support.h"
 
 #include <sys/mman.h>
-#include <unistd.h>
 
-#include <cstdint>
 #include <cstring>
 
-namespace agent {
 namespace {
 
 using Ranges = std::vector<BlockRange>;
@@ -70,9 +67,7 @@ TEST(BitRangeFinderFactory, MakesFindersThatRefuseBadArguments)
     EXPECT_EQ(find(Factory::Bit, true, true, map.data(), 16), (Ranges{{7, 2}})); // bytes 0x01 0x80
     EXPECT_EQ(find(Factory::Bit, true, false, map.data(), 16), (Ranges{{0, 1}, {15, 1}}));
     EXPECT_EQ(find(Factory::U64, true, false, map.data(), 1), (Ranges{{0, 1}}));
-    const auto refusal = [&](int type, const void* of) {
-        return test::thrownBy([&] { find(type, true, true, of, 0); });
-    };
+    const auto refusal = [&](int type, const void* of) { return thrownBy([&] { find(type, true, true, of, 0); }); };
     const std::string bad = "invalid argument: Bad ";
     EXPECT_EQ(refusal(Factory::Bit, nullptr), bad + "bitmap pointer passed to findRanges function");
     EXPECT_EQ(refusal(Factory::Bit, map.data()), bad + "bitmap size passed to findRanges function (size must be > 0)");
@@ -81,4 +76,3 @@ TEST(BitRangeFinderFactory, MakesFindersThatRefuseBadArguments)
 }
 
 } // namespace
-} // namespace agent

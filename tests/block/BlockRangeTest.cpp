@@ -1,13 +1,8 @@
 #include "agent/BlockRange.h"
 #include "Support.h"
 
-#include <climits>
 #include <locale>
-#include <set>
-#include <sstream>
-#include <tuple>
 
-namespace agent {
 namespace {
 
 TEST(BlockRange, SortsByStartAndTheLongerFirstAndOverlapsOneSidedly)
@@ -66,7 +61,7 @@ TEST(PowersOfTwo, AreFoundRoundedUpToAndUsedAsBlockSizes)
     const std::pair<unsigned int, unsigned int> cases[] = {
         {0, 1}, {1, 1}, {3, 4}, {8, 8}, {9, 16}, {0x7FFFFFFF, 0x80000000}, {0x80000000, 0x80000000}};
     for (const auto& [v, expected] : cases) EXPECT_EQ(roundUpNextHighestPowerOfTwo(v), expected) << v;
-    EXPECT_EQ(test::thrownBy([] { roundUpNextHighestPowerOfTwo(0x80000001); }),
+    EXPECT_EQ(thrownBy([] { roundUpNextHighestPowerOfTwo(0x80000001); }),
         "runtime: Next largest power of 2 exceeds uint32_t capacity");
     EXPECT_TRUE(isPowerOfTwo(1) && isPowerOfTwo(1UL << 63));
     EXPECT_FALSE(isPowerOfTwo(0) || isPowerOfTwo(3) || isPowerOfTwo(ULONG_MAX));
@@ -79,4 +74,3 @@ TEST(PowersOfTwo, AreFoundRoundedUpToAndUsedAsBlockSizes)
 }
 
 } // namespace
-} // namespace agent

@@ -2,14 +2,10 @@
 #include "agent/BufferChecksum.h"
 #include "agent/crc32c.h"
 
-#include <algorithm>
-#include <cstdint>
 #include <random>
-#include <tuple>
 
 extern "C" std::uint32_t checksumFromC(const char* text, unsigned long length); // crc32c_from_c.c
 
-namespace agent {
 namespace {
 
 bool hasInstruction()
@@ -68,4 +64,3 @@ TEST(BufferChecksumGenerator, IsMadeByType)
 }
 
 } // namespace
-} // namespace agent

@@ -3,15 +3,7 @@
 
 #include <linux/fiemap.h>
 #include <linux/fs.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <cstdlib>
-#include <optional>
-#include <tuple>
 
 namespace {
 
@@ -44,7 +36,6 @@ int answer(fiemap& request)
 } // namespace
 
 // The library's calls come here first.
-// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): the system's declarations
 extern "C" AGENTKIT_API int ioctl(int fd, unsigned long request, void* argument) noexcept
 {
     if (g_script && request == FS_IOC_FIEMAP) return answer(*static_cast<fiemap*>(argument));
@@ -58,15 +49,14 @@ extern "C" AGENTKIT_API int close(int fd)
 {
     return result(SYS_close, static_cast<int>(::syscall(SYS_close, fd)));
 }
-// NOLINTEND(readability-inconsistent-declaration-parameter-name)
 
-namespace agent::core::block {
+using namespace agent::core::block;
+
 namespace {
 
-using test::thrownBy;
 using Ranges = std::vector<BlockRange>;
 
-class Extents : public test::FileFixture {
+class Extents : public FileFixture {
 protected:
     ~Extents() override { g_script.reset(); }
 
@@ -83,22 +73,6 @@ protected:
     std::string m_quoted = '"' + m_file + '"';
     Ranges m_out{{7, 7}};
 };
-
-TEST_F(Extents, AreThoseThatTheSystemsOwnToolFinds)
-{
-    const std::string path = m_dir / "fragments";
-    const std::string make = "for i in $(seq 40); do echo data | dd of=$f bs=100000 seek=$i conv=notrunc; done; ";
-    const std::string ask = "truncate -s 9M $f; sync $f; PATH=$PATH:/usr/sbin filefrag -v -b512 $f";
-    const std::string numbers = R"( | sed -nE 's/^ +[0-9]+:[^:]+: +([0-9]+)\.\.[^:]+: +([0-9]+):.*/\1 \2/p' > $f.txt)";
-    // NOLINTNEXTLINE(cert-env33-c): a path of our own making
-    (void)std::system(("exec 2>/dev/null; f=" + path + "; " + make + ask + numbers).c_str());
-    const std::string failure = thrownBy([&] { extents(m_log.logger(), path, 512, m_out); });
-    if (failure.find("FIEMAP IoCtl for file") != std::string::npos) GTEST_SKIP() << failure;
-    Ranges expected;
-    std::ifstream told(path + ".txt");
-    for (unsigned long start = 0, count = 0; told >> start >> count;) expected.emplace_back(start, count);
-    EXPECT_EQ(m_out, expected);
-}
 
 TEST_F(Extents, TellWhatWasFoundAndWhatWasExpected)
 {
@@ -121,7 +95,7 @@ TEST_F(Extents, TellWhatWasFoundAndWhatWasExpected)
              {"emptied meanwhile", 2, {}, {{0, 0}, {0, 0}}, more},
          }) {
         g_script = Script{.counted = counted, .extents = found};
-        test::CapturingLogger log;
+        CapturingLogger log;
         extents(log.logger(), m_file, 4096, m_out);
         EXPECT_EQ(g_script->requests, 2) << why;
         EXPECT_EQ(m_out, ranges) << why;
@@ -138,7 +112,7 @@ TEST_F(Extents, FailWithTheirOwnWords)
 {
     const auto fails = [&](const std::string& path, const Script& script, const std::string& text, int code) {
         g_script = script;
-        EXPECT_EQ(thrownBy([&] { extents(m_log.logger(), path, 512, m_out); }), test::posix(text, code));
+        EXPECT_EQ(thrownBy([&] { extents(m_log.logger(), path, 512, m_out); }), posix(text, code));
         EXPECT_EQ(m_out, (Ranges{{7, 7}})) << "left as it was";
     };
     const std::string excluded = "FIEMAP IoCtl for excluded file " + m_quoted + " failed, error ";
@@ -160,4 +134,3 @@ TEST_F(Extents, FailWithTheirOwnWords)
 }
 
 } // namespace
-} // namespace agent::core::block

@@ -5,28 +5,15 @@
 #include "agent/SSLCertificateThumbprint.h"
 #include "agent/file/Operations.h"
 
-#include <sys/stat.h>
-
-namespace agent {
 namespace {
-
-using test::Identity;
-using test::thrownBy;
-
-mode_t modeOf(const std::string& path)
-{
-    struct stat status {};
-    ::stat(path.c_str(), &status);
-    return status.st_mode & 07777;
-}
 
 class StoreTest : public testing::Test {
 protected:
-    test::CapturingLogger m_log;
-    test::TempDir m_dir;
+    CapturingLogger m_log;
+    TempDir m_dir;
     const std::string m_thumbFile = m_dir / "thumb";
     const FileCertificateStoreDescriptor m_files{m_dir / "cert", m_dir / "key", m_dir / "chain", m_thumbFile};
-    const Identity m_identity{test::CertificateSpec{.subject = {{"CN", "42"}}}};
+    const Identity m_identity{CertificateSpec{.subject = {{"CN", "42"}}}};
 };
 
 TEST_F(StoreTest, KeepsTheCertificateItsKeyAndTheChain)
@@ -51,11 +38,11 @@ TEST_F(StoreTest, KeepsTheCertificateItsKeyAndTheChain)
     store->removeCertificate(); // nothing to do
 
     EXPECT_THROW(store->addCertificate("no certificate", "k"), GnuTlsError);
-    EXPECT_EQ(test::contentOf(m_dir / "cert") + test::contentOf(m_dir / "key"), "no certificatek") << "written before";
+    EXPECT_EQ(contentOf(m_dir / "cert") + contentOf(m_dir / "key"), "no certificatek") << "written before";
     std::filesystem::remove(m_dir / "key");
     EXPECT_FALSE(store->certificateExists()) << "half of it";
     EXPECT_EQ(thrownBy([&] { store->exportCertificatePrivateKeyPair(certificate, key); }),
-        test::posix("stat64(\"" + (m_dir / "key") + "\") failed", ENOENT));
+        posix("stat64(\"" + (m_dir / "key") + "\") failed", ENOENT));
 }
 
 TEST_F(StoreTest, KeepsPrivateKeysFromOthers)
@@ -99,10 +86,10 @@ TEST_F(StoreTest, ThumbprintsAreTheSha1OfTheCertificate)
 
     const std::string text = "setCertificateContents: Could not import certificate. - Error: ";
     EXPECT_THAT(thrownBy([&] { thumbprint.setCertificateContents(std::string("none")); }),
-        testing::StartsWith("runtime: " + text + gnutls_strerror(GNUTLS_E_BASE64_UNEXPECTED_HEADER_ERROR)));
-    EXPECT_THAT(m_log.lines().back(), testing::StartsWith("1 " + text));
+        StartsWith("runtime: " + text + gnutls_strerror(GNUTLS_E_BASE64_UNEXPECTED_HEADER_ERROR)));
+    EXPECT_THAT(m_log.lines().back(), StartsWith("1 " + text));
     EXPECT_THAT(thrownBy([&] { Certificate(m_log.logger()).getThumbprint(); }),
-        testing::StartsWith("runtime: setCertificateContents: Could not get certificate thumbprint. - Error: "));
+        StartsWith("runtime: setCertificateContents: Could not get certificate thumbprint. - Error: "));
 
     thumbprint.setPath(m_thumbFile);
     thumbprint.save();
@@ -110,7 +97,7 @@ TEST_F(StoreTest, ThumbprintsAreTheSha1OfTheCertificate)
     EXPECT_EQ(modeOf(m_thumbFile), 0600U);
     (void)m_dir.file("thumb", std::string(41, 'x'));
     thumbprint.save();
-    EXPECT_EQ(test::contentOf(m_thumbFile), expected + "x") << "not truncated";
+    EXPECT_EQ(contentOf(m_thumbFile), expected + "x") << "not truncated";
     thumbprint.remove();
     EXPECT_FALSE(file::exists(m_thumbFile));
 
@@ -132,11 +119,10 @@ TEST_F(StoreTest, ThumbFilesHoldFortyDigitsAndNothingElse)
         const std::string text = "Thumbfile contains an invalid thumbprint: " + m_thumbFile;
         EXPECT_EQ(thrownBy([&] { thumbprint.createFromThumbFile(m_thumbFile); }), "runtime: " + text);
         const std::vector<std::string> lines = m_log.lines();
-        EXPECT_THAT(lines.at(lines.size() - 2), testing::StartsWith("1 invalid thumbprint: " + bad.substr(0, 40)));
+        EXPECT_THAT(lines.at(lines.size() - 2), StartsWith("1 invalid thumbprint: " + bad.substr(0, 40)));
         EXPECT_EQ(lines.back(), "1 " + text);
     }
     EXPECT_EQ(thumbprint.str(), good) << "as it was";
 }
 
 } // namespace
-} // namespace agent

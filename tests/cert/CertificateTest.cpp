@@ -6,11 +6,7 @@
 
 #include <openssl/evp.h>
 
-namespace agent {
 namespace {
-
-using test::CertificateSpec;
-using test::Identity;
 
 constexpr const char* kComment = "2.16.840.1.113730.1.13";
 
@@ -40,11 +36,11 @@ protected:
     Certificate certificate(const std::string& pem) { return {m_log.logger(), m_dir.file("c.pem", pem)}; }
     std::string importError(const std::string& path)
     {
-        return test::thrownBy([&] { const Certificate c(m_log.logger(), Path(path)); });
+        return thrownBy([&] { const Certificate c(m_log.logger(), Path(path)); });
     }
 
-    test::TempDir m_dir;
-    test::CapturingLogger m_log;
+    TempDir m_dir;
+    CapturingLogger m_log;
     const Identity m_authority{CertificateSpec{.subject = {{"CN", "Authority"}}}};
 };
 
@@ -80,8 +76,7 @@ TEST_F(CertificateTest, RefusesWhatIsNone)
     EXPECT_EQ(importError(m_dir.file("empty", "")),
         std::string("runtime: ") +
             GnuTlsError("Failed to import certificate (import error)", GNUTLS_E_NO_CERTIFICATE_FOUND).what());
-    EXPECT_EQ(
-        test::thrownBy([&] { Certificate c(m_log.logger(), Cert::Peer, nullptr); }), "invalid argument: Bad session");
+    EXPECT_EQ(thrownBy([&] { Certificate c(m_log.logger(), Cert::Peer, nullptr); }), "invalid argument: Bad session");
 }
 
 TEST_F(CertificateTest, TakesNamesOfAnySize)
@@ -138,7 +133,7 @@ TEST_F(CertificateTest, VerifiesPairTickets)
     };
     EXPECT_EQ(verify(-60, 60), GNUTLS_E_PK_SIG_VERIFY_FAILED);
     EXPECT_EQ(verify(-60, -30), GNUTLS_E_EXPIRED) << "whatever the signature";
-    EXPECT_EQ(test::thrownBy([&] { verify(60, 90); }),
+    EXPECT_EQ(thrownBy([&] { verify(60, 90); }),
         "runtime: Error occurred verifying certificate data: Local certificate is not yet activated. Verify that "
         "system time is accurate.");
 }
@@ -167,9 +162,9 @@ TEST_F(CertificateTest, ComeFromSessions)
 
     EXPECT_EQ(Certificate(m_log.logger(), Cert::Local, ends[1]).getDeviceId(), 7);
     EXPECT_EQ(Certificate(m_log.logger(), Cert::Peer, ends[0]).getIssuerCertificate()->getName(), "Authority");
-    EXPECT_EQ(test::thrownBy([&] { Certificate(m_log.logger(), Cert::Local, ends[0]); }),
+    EXPECT_EQ(thrownBy([&] { Certificate(m_log.logger(), Cert::Local, ends[0]); }),
         "runtime: Failed to load local certificate");
-    EXPECT_EQ(test::thrownBy([&] { Certificate(m_log.logger(), Cert::Peer, ends[1]); }),
+    EXPECT_EQ(thrownBy([&] { Certificate(m_log.logger(), Cert::Peer, ends[1]); }),
         "runtime: Failed to verify peer certificate");
     for (auto* const end : ends) gnutls_deinit(end);
     gnutls_certificate_free_credentials(credentials);
@@ -203,4 +198,3 @@ TEST_F(CertificateTest, FindsNetscapeComments)
 }
 
 } // namespace
-} // namespace agent

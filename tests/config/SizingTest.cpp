@@ -1,42 +1,18 @@
+#include "FakeConfig.h"
 #include "Support.h"
 #include "agent/CowFileAutoExpand.h"
 #include "agent/CowFileSize.h"
 
-#include <map>
-#include <tuple>
-
-namespace agent {
 namespace {
 
-using test::thrownBy;
 using Lines = std::vector<std::string>;
 
 constexpr unsigned long kMiB = 1UL << 20;
 constexpr unsigned long kGiB = 1UL << 30;
 constexpr unsigned long kLargest = ~0UL;
 
-/// A configuration that leaves the arguments of what it does not have alone.
-class FakeConfig : public IConfig {
-public:
-    std::map<std::string, unsigned long> values;
-    std::string failing;
-
-    void getValue(const std::string& key, bool& value) const override { value = look(key, value ? 1 : 0) != 0; }
-    void getValue(const std::string& key, unsigned long& value) const override { value = look(key, value); }
-    void getValue(const std::string& /*key*/, std::string& /*value*/) const override {}
-    std::string getJSON() const override { return {}; }
-    void setJSON(nlohmann::json /*document*/, bool /*replace*/) override {}
-
-private:
-    unsigned long look(const std::string& key, unsigned long otherwise) const
-    {
-        if (key == failing) throw 42; // no std::exception
-        return values.contains(key) ? values.at(key) : otherwise;
-    }
-};
-
 struct SizingTest : testing::Test {
-    test::CapturingLogger log;
+    CapturingLogger log;
     FakeConfig config;
     CowFileSize size{config};
 };
@@ -68,7 +44,7 @@ TEST_F(SizingTest, TakesTheConfiguredSizeAndClampsIt)
                 {found + "100000)", "2 Invalid cow file size (100000) Clamping to (25600)"}),
             Case("small", 5, "ext4", false, 10, {found + "5)", "2 Invalid cow file size (5) Clamping to (10)"})}) {
         config.values["volumes.a.b.cowFileSizeMiB"] = custom;
-        test::CapturingLogger ours;
+        CapturingLogger ours;
         EXPECT_EQ(size.getCowFileSize(ours.logger(), "a.b", 50 * kGiB, fileSystem, autoExpand), expected) << why;
         EXPECT_EQ(ours.lines(), lines) << why;
     }
@@ -95,7 +71,7 @@ TEST_F(SizingTest, FilesGrowByAStepUpToAReserve)
         Lines lines;
         for (const auto& [key, value] : values)
             lines.push_back("4 Found the " + key + " configuration option (" + std::to_string(value) + ")");
-        test::CapturingLogger ours;
+        CapturingLogger ours;
         const CowFileAutoExpandParamsProvider provider(config, size);
         const auto params = provider.getAutoExpandParams(ours.logger(), "v", volume, "ext4", autoExpand);
         EXPECT_TRUE(params->hasStepSize() && params->hasReservedSpace());
@@ -127,4 +103,3 @@ TEST_F(SizingTest, FilesCanKeepTheirSize)
 }
 
 } // namespace
-} // namespace agent

@@ -3,15 +3,9 @@
 #include "agent/JSONConfigDataProvider.h"
 #include "agent/TelemetryStore.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <cmath>
-#include <random>
-#include <regex>
 
 namespace {
 
@@ -43,7 +37,6 @@ int call(long number, Arguments... arguments)
 } // namespace
 
 // The library's calls come here first.
-// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name,cert-dcl50-cpp): the system's declarations
 extern "C" {
 AGENTKIT_API ssize_t write(int fd, const void* data, size_t size)
 {
@@ -70,29 +63,17 @@ AGENTKIT_API int rename(const char* from, const char* to) noexcept
     return call(SYS_rename, from, to);
 }
 }
-// NOLINTEND(readability-inconsistent-declaration-parameter-name,cert-dcl50-cpp)
 
-namespace agent {
 namespace {
 
 using nlohmann::json;
-using test::contentOf;
-using test::thrownBy;
-using testing::AllOf;
-using testing::HasSubstr;
-using testing::StartsWith;
 
-class StoreTest : public test::FileFixture {
+class StoreTest : public FileFixture {
 protected:
     ~StoreTest() override { g_torture = {}; }
 
     json stored() const { return json::parse(contentOf(m_path)); }
     void put(const std::string& text) const { (void)m_dir.file("store.json", text); }
-    static mode_t modeOf(const std::string& path)
-    {
-        struct stat status {};
-        return ::lstat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
-    }
 
     std::string m_path = m_dir / "store.json";
 };
@@ -149,7 +130,7 @@ TEST_F(StoreTest, KeepsModeAndLinkAndCreatesPrivateFiles)
     std::filesystem::create_symlink("store.json", link);
     JSONConfigDataProvider(link, true).set("a", 2);
     EXPECT_EQ(modeOf(m_path), 0644U);
-    EXPECT_EQ(modeOf(link), 0777U) << "still a link";
+    EXPECT_TRUE(std::filesystem::is_symlink(link));
     EXPECT_EQ(stored()["a"], 2);
 
     std::filesystem::remove(m_path);
@@ -172,8 +153,8 @@ TEST_F(StoreTest, HoldsTheOldOrTheNewDocumentWhereverARewriteEnds)
         if (failure == "nothing") {
             EXPECT_EQ(was.calls, calls) << "only the last one's result does not count";
             // the file was on disk before it took the old one's place, and its name is now
-            EXPECT_THAT(was.made, testing::ElementsAre(SYS_fchmod, SYS_write, SYS_fsync, SYS_close, SYS_rename,
-                                      SYS_open, SYS_fsync, SYS_close));
+            EXPECT_THAT(was.made,
+                ElementsAre(SYS_fchmod, SYS_write, SYS_fsync, SYS_close, SYS_rename, SYS_open, SYS_fsync, SYS_close));
         } else {
             const bool isFolders = stored() == after; // all is done but the folder's fsync
             EXPECT_THAT(
@@ -184,7 +165,7 @@ TEST_F(StoreTest, HoldsTheOldOrTheNewDocumentWhereverARewriteEnds)
     }
     for (int n = 1; n < calls; ++n) {
         put(before);
-        EXPECT_TRUE(test::inChild([&] {
+        EXPECT_TRUE(inChild([&] {
             JSONConfigDataProvider store(m_path, true);
             g_torture = {.killAt = n};
             store.set("a", "new");
@@ -194,27 +175,11 @@ TEST_F(StoreTest, HoldsTheOldOrTheNewDocumentWhereverARewriteEnds)
     }
 }
 
-TEST(JSONKeyValidator, SpeaksTheLanguageOfRegularExpressions)
+// How patterns match is compared with std::regex in fuzz/JsonStoreFuzz.cpp, which runs with the tests.
+TEST(JSONKeyValidator, RefusesWhatItCannotMatchInLinearTime)
 {
-    const std::vector<std::string> patterns{
-        R"(\bvolumes\b\..+\.\bcowFileSizeMiB\b$)", "^a.*b$", "a.b", R"(\ba\b)", "", "$", R"(\b\b.*\.)"};
-    const std::vector<std::string> pieces{
-        "volumes", "cowFileSizeMiB", "autoExpand", ".", ".", "a", "b", "-", "_", "\n"};
-    std::mt19937 random(1); // NOLINT(cert-msc*): the same keys each time
-    for (const std::string& pattern : patterns) {
-        const JSONKeyValidator ours(pattern, JSONKeyValidator::Type::Bool);
-        const std::regex theirs(pattern);
-        int matches = 0;
-        for (int i = 0; i < 3'000; ++i) {
-            std::string key = i % 3 == 0 ? "volumes." : "";
-            for (auto n = random() % 7; n > 0; --n) key += pieces[random() % pieces.size()];
-            matches += ours.matches(key) ? 1 : 0;
-            ASSERT_EQ(ours.matches(key), std::regex_search(key, theirs)) << pattern << " in " << key;
-        }
-        EXPECT_GT(matches, 0) << pattern;
-    }
-    EXPECT_FALSE(
-        JSONKeyValidator(patterns[0], JSONKeyValidator::Type::Bool).matches("volumes." + std::string(1'000'000, 'x')));
+    EXPECT_FALSE(JSONKeyValidator(R"(\bvolumes\b\..+\.\bcowFileSizeMiB\b$)", JSONKeyValidator::Type::Bool)
+                     .matches("volumes." + std::string(1'000'000, 'x')));
     for (const char* const bad : {"a+", "(a)", "[a]", "a|b", R"(\d)", "\\", ".?", ".+?", "a{2}"})
         EXPECT_THAT(thrownBy([&] { JSONKeyValidator(bad, JSONKeyValidator::Type::Bool); }),
             HasSubstr("\"" + std::string(bad) + "\""));
@@ -277,9 +242,7 @@ TEST_F(StoreTest, TelemetryTellsWhatChanged)
     const std::string blocked = m_dir.file("file", "") + "/below";
     const auto nothing = TelemetryStore(blocked, m_log.logger()).diffAndUpdateServices(first);
     EXPECT_TRUE(nothing.patch.is_null() && !nothing.existed);
-    EXPECT_THAT(m_log.lines(),
-        testing::ElementsAre(StartsWith("1 Could not create Telemetry dir: '" + blocked + "'. Error: ")));
+    EXPECT_THAT(m_log.lines(), ElementsAre(StartsWith("1 Could not create Telemetry dir: '" + blocked + "'. Error: ")));
 }
 
 } // namespace
-} // namespace agent

@@ -2,9 +2,6 @@
 #include "agent/CURLError.h"
 #include "agent/GnuTlsError.h"
 
-#include <cerrno>
-
-namespace agent {
 namespace {
 
 using exception::generic_library_error;
@@ -31,9 +28,8 @@ TEST(LibraryError, EveryLibraryComposesItsTextAlike)
 
     EXPECT_NO_THROW(checkCurl(CURLE_OK, "anything"));
     const std::string tail = ": Failed sending data to the peer | ERROR(CURL) : 55 (0x00000037)";
-    EXPECT_EQ(test::thrownBy([] { checkCurl(CURLE_SEND_ERROR, ""); }), "runtime: Curl error" + tail);
-    EXPECT_EQ(test::thrownBy([] { checkCurl(CURLE_SEND_ERROR, "upload"); }), "runtime: Curl error: upload" + tail);
+    EXPECT_EQ(thrownBy([] { checkCurl(CURLE_SEND_ERROR, ""); }), "runtime: Curl error" + tail);
+    EXPECT_EQ(thrownBy([] { checkCurl(CURLE_SEND_ERROR, "upload"); }), "runtime: Curl error: upload" + tail);
 }
 
 } // namespace
-} // namespace agent

@@ -1,22 +1,13 @@
 #include "agent/File.h"
 #include "Support.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cstdio>
-#include <thread>
 
-namespace agent {
 namespace {
-
-using test::contentOf;
-using test::posix;
-using test::thrownBy;
 
 constexpr FileOpenMode kReadWrite = FileOpenMode::Read | FileOpenMode::Write;
 
-using FileTest = test::FileFixture;
+using FileTest = FileFixture;
 
 class FileModes : public FileTest, public testing::WithParamInterface<unsigned int> {};
 
@@ -90,7 +81,7 @@ TEST_F(FileTest, OpensForReadingByItselfAndLogsIt)
     EXPECT_EQ(thrownBy([&] { file.write("x"); }), posix("write(\"" + path + "\") failed", EBADF));
     EXPECT_EQ(file.slurp(), "content");
     EXPECT_THAT(m_log.lines(),
-        testing::ElementsAre(testing::ContainsRegex("^4 File " + path + " successfully opened with handle [0-9]+$")));
+        ElementsAre(testing::ContainsRegex("^4 File " + path + " successfully opened with handle [0-9]+$")));
 
     std::iostream& stream = file.getStream();
     file.open(FileOpenMode::Write, File::DEFAULT_CREATE_MODE);
@@ -106,13 +97,13 @@ TEST_F(FileTest, OpensForReadingByItselfAndLogsIt)
 
 TEST_F(FileTest, ReadsWhatHasNoSizeOrNoPosition)
 {
-    EXPECT_THAT(File(m_log.logger(), "/proc/self/status").slurp(), testing::HasSubstr("VmRSS"));
+    EXPECT_THAT(File(m_log.logger(), "/proc/self/status").slurp(), HasSubstr("VmRSS"));
 
     const std::string pipe = m_dir / "pipe";
     ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
     const std::string sent(200'000, 'p'); // more than a pipe holds
     std::thread writer([&] { File(m_log.logger(), pipe, FileOpenMode::Write).write(sent); });
-    EXPECT_EQ(File(test::CapturingLogger().logger(), pipe).slurp(), sent);
+    EXPECT_EQ(File(CapturingLogger().logger(), pipe).slurp(), sent);
     writer.join();
 }
 
@@ -131,4 +122,3 @@ TEST_F(FileTest, FailuresNameTheCallAndTheFile)
 }
 
 } // namespace
-} // namespace agent

@@ -1,24 +1,9 @@
 #include "agent/Flock.h"
 #include "Support.h"
 
-#include <sys/resource.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <csignal>
-#include <optional>
-#include <thread>
-#include <tuple>
-
-namespace agent {
 namespace {
 
-using test::contentOf;
-using test::inChild;
-using test::posix;
-using test::thrownBy;
-
-class FlockTest : public test::FileFixture {
+class FlockTest : public FileFixture {
 protected:
     bool isThere() const { return std::filesystem::exists(m_path); }
     std::string takenBy(const std::string& path) const
@@ -101,4 +86,3 @@ TEST_F(FlockTest, NeverHasTwoOwnersWhileProcessesTakeTurns)
 }
 
 } // namespace
-} // namespace agent

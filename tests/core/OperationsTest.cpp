@@ -3,14 +3,6 @@
 #include "agent/FileWriters.h"
 #include "agent/file/Operations.h"
 
-#include <fcntl.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <cerrno>
-#include <csignal>
 #include <cstdarg>
 #include <unordered_set>
 
@@ -22,7 +14,6 @@ std::atomic<int> g_inheritableOpens = 0;
 } // namespace
 
 // The library's calls come here first.
-// NOLINTNEXTLINE(cert-dcl50-cpp,readability-inconsistent-declaration-parameter-name): the system's declaration
 extern "C" AGENTKIT_API int open(const char* path, int flags, ...)
 {
     va_list arguments;
@@ -35,26 +26,15 @@ extern "C" AGENTKIT_API int open(const char* path, int flags, ...)
     return ::openat(AT_FDCWD, path, flags, mode);
 }
 
-namespace agent {
 namespace {
 
-using test::contentOf;
-using test::posix;
-using test::thrownBy;
-using testing::UnorderedElementsAre;
-
-class Operations : public test::FileFixture {
+class Operations : public FileFixture {
 protected:
     ~Operations() override { EXPECT_EQ(g_inheritableOpens, 0); }
 
     static std::string q(const Path& path) { return "\"" + path.u8string() + "\""; }
-    static mode_t modeOf(const std::string& path)
-    {
-        struct stat status {};
-        return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
-    }
 
-    const test::TempDir& dir = m_dir;
+    const TempDir& dir = m_dir;
 };
 
 TEST_F(Operations, AnswerQuestions)
@@ -172,7 +152,7 @@ TEST_F(Operations, CopyKeepsContentAndModeAndRefusesWhatWouldLoseData)
     refuses(from, dir / "link", EINVAL); // itself, by another name
     EXPECT_EQ(contentOf(dir / "to"), "s");
     EXPECT_EQ(file::size(from), 1'000'000U);
-    EXPECT_TRUE(test::inChild([&] { // a full disk, for which the file size limit stands in
+    EXPECT_TRUE(inChild([&] { // a full disk, for which the file size limit stands in
         (void)::signal(SIGXFSZ, SIG_IGN);
         const rlimit limit{600'000, 600'000};
         ::setrlimit(RLIMIT_FSIZE, &limit);
@@ -240,7 +220,7 @@ TEST_F(Operations, CopyTreeKeepsLinksModesAndWhatIsThere)
             posix("Copying " + q(a) + " -> " + q(b) + " failed - destination lies inside the source", EINVAL));
     };
     for (const std::string& inside : {dir / "t", dir / "t/sub/new", dir / "link/new"}) refusesInside(dir / "t", inside);
-    EXPECT_TRUE(test::inChild([&] {
+    EXPECT_TRUE(inChild([&] {
         std::filesystem::current_path(dir / "t");
         refusesInside(".", "sub/new");
         dir::remove(dir / "t");
@@ -270,4 +250,3 @@ TEST_F(Operations, WritersReplaceOrAppend)
 }
 
 } // namespace
-} // namespace agent

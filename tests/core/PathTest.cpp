@@ -3,7 +3,6 @@
 
 #include <unordered_set>
 
-namespace agent {
 namespace {
 
 TEST(Path, ComposesWithOneSlashBetween)
@@ -27,4 +26,3 @@ TEST(Path, SplitsAtTheLastSlash)
 }
 
 } // namespace
-} // namespace agent

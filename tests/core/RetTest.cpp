@@ -3,7 +3,6 @@
 
 namespace {
 
-using agent::test::thrownBy;
 using vnt::common::Ret;
 using vnt::common::RetNoLog;
 

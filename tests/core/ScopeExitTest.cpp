@@ -3,7 +3,6 @@
 
 #include <exception>
 
-namespace agent {
 namespace {
 
 // Leaves a scope whose action throws; tells what the hook heard and what came out.
@@ -45,7 +44,7 @@ TEST(ScopeExit, AFailureGoesOnUnlessAnotherExceptionLeavesTheScope)
 
 TEST(TryIgnoreDeathTest, LogsAStandardExceptionAndEndsTheProcessOnAnyOther)
 {
-    test::CapturingLogger log;
+    CapturingLogger log;
     try_ignore([] { throw std::runtime_error("Clean-up failed"); }, log.logger());
     EXPECT_EQ(log.lines(), std::vector<std::string>{"1 Clean-up failed"});
     EXPECT_DEATH(try_ignore([] { throw 7; }, log.logger()), "");
@@ -53,4 +52,3 @@ TEST(TryIgnoreDeathTest, LogsAStandardExceptionAndEndsTheProcessOnAnyOther)
 }
 
 } // namespace
-} // namespace agent

@@ -4,11 +4,6 @@
 #include "agent/dir/Operations.h"
 #include "agent/filesystem/FileStreamFactory.h"
 
-#include <limits>
-#include <sstream>
-#include <tuple>
-
-namespace agent {
 namespace {
 
 TEST(MemoryOutputStreamBuffer, GrowsByDoublingAndByAHundredAtLeastIfItMay)
@@ -28,7 +23,7 @@ TEST(MemoryOutputStreamBuffer, GrowsByDoublingAndByAHundredAtLeastIfItMay)
     bytes.resize(3);
     MemoryOutputStreamBuffer fixed(bytes, false);
     EXPECT_EQ(fixed.sputn("abc", 3), 3);
-    EXPECT_EQ(test::thrownBy([&] { fixed.sputc('d'); }),
+    EXPECT_EQ(thrownBy([&] { fixed.sputc('d'); }),
         "runtime: MemoryOutputStreamBuffer overflow was called and resizing is disabled.");
 }
 
@@ -53,7 +48,7 @@ TEST(MemoryOutputStreamBuffer, SeeksWithinTheVectorOnly)
     EXPECT_EQ(buffer.pubseekpos(5, std::ios::in), -1) << "nothing can be read";
 }
 
-using StreamsTest = test::FileFixture;
+using StreamsTest = FileFixture;
 
 TEST_F(StreamsTest, TheFactoryOpensAsTheStandardStreamsDo)
 {
@@ -69,7 +64,7 @@ TEST_F(StreamsTest, TheFactoryOpensAsTheStandardStreamsDo)
         EXPECT_EQ(stream->rdbuf()->pubseekoff(0, ios::cur), standard.rdbuf()->pubseekoff(0, ios::cur)) << mode;
         (void)standard.rdbuf()->sputc('x'), standard.close();
         (void)stream->rdbuf()->sputc('x'), stream->close();
-        EXPECT_EQ(test::contentOf(ours), test::contentOf(theirs)) << mode;
+        EXPECT_EQ(contentOf(ours), contentOf(theirs)) << mode;
     }
     EXPECT_TRUE(factory.createOutputFileStream("/dev/null", {})->is_open());
     EXPECT_EQ(factory.createInputFileStream("/dev/null/no", {})->rdstate(), ios::failbit);
@@ -90,4 +85,3 @@ TEST_F(StreamsTest, TheFinderFindsWhatIsNoDirectory)
 }
 
 } // namespace
-} // namespace agent

@@ -7,11 +7,6 @@
 #include "agent/UUIDGenerator.h"
 #include "agent/Version.h"
 
-#include <unistd.h>
-
-#include <climits>
-
-namespace agent {
 namespace {
 
 using Texts = std::vector<std::string>;
@@ -116,9 +111,9 @@ TEST(Version, ParsesUpToFourNumbersAndNamesTheWholeTextThatIsBad)
     EXPECT_EQ(Version::parse("1.2.3.4294967295"), (Version{1, 2, 3, 4294967295}));
     for (const std::string text :
         {"1.2.3.4.5", "1.", "1.2.3.4.", "1a", " 1", "1. 2", "1.\v2", "+1", "1.-2", "4294967296", "0x1", "1,2"})
-        EXPECT_EQ(test::thrownBy([&] { Version::parse(text); }), "runtime: Bad version string: " + text);
-    EXPECT_EQ(test::thrownBy([] { Version::parse("1..2"); }), "invalid argument: stoul");
-    EXPECT_EQ(test::thrownBy([] { Version::parse("99999999999999999999"); }), "logic: stoul");
+        EXPECT_EQ(thrownBy([&] { Version::parse(text); }), "runtime: Bad version string: " + text);
+    EXPECT_EQ(thrownBy([] { Version::parse("1..2"); }), "invalid argument: stoul");
+    EXPECT_EQ(thrownBy([] { Version::parse("99999999999999999999"); }), "logic: stoul");
 }
 
 TEST(Process, MakesUuidsAndKnowsItsEnvironmentAndThreads)
@@ -133,8 +128,7 @@ TEST(Process, MakesUuidsAndKnowsItsEnvironmentAndThreads)
     EXPECT_EQ(Environment().getEnvironmentVariable("AGENTKIT_TEST"), "x=y");
     EXPECT_EQ(Environment().getEnvironmentVariable("AGENTKIT_TEST_UNSET"), "");
     EXPECT_EQ(getThreadID(), ::getpid()); // the main thread's, after a fork too
-    EXPECT_TRUE(test::inChild([] { return getThreadID() == ::getpid(); }));
+    EXPECT_TRUE(inChild([] { return getThreadID() == ::getpid(); }));
 }
 
 } // namespace
-} // namespace agent

@@ -7,6 +7,8 @@
 #include <openssl/provider.h>
 #include <openssl/self_test.h>
 
+using namespace agent::ssl;
+
 namespace {
 
 using Installed = std::pair<OSSL_CALLBACK*, void*>;
@@ -48,14 +50,6 @@ int initProvider(
     return 1;
 }
 
-} // namespace
-
-namespace agent::ssl {
-namespace {
-
-using test::thrownBy;
-using testing::MatchesRegex;
-
 const std::string kError = "[0-9A-F]+:error:[^\n]*"; // a line of OpenSSL's error queue
 
 class FipsTest : public testing::Test, public db::IDbConfigDataProvider {
@@ -78,7 +72,7 @@ protected:
 
     static constexpr auto m_events = FipsModule::defaultOpenSSLProviderSelfTestEventsFactory;
     static constexpr auto m_providers = FipsModule::defaultOpenSSLProvider;
-    test::CapturingLogger m_log;
+    CapturingLogger m_log;
     std::string m_corrupt = "SHA; SHA256";
 };
 
@@ -115,7 +109,7 @@ TEST_F(FipsTest, EventsReachEveryCallback)
 
 TEST_F(FipsTest, TheModuleStandsOrFallsWithItsTest)
 {
-    test::CapturingLogger other;
+    CapturingLogger other;
     OpenSSLProvider fips(other.logger(), "fips", nullptr);
     EXPECT_EQ(thrownBy([&] { fips.unload(); }), "runtime: OpenSSL provider is not loaded: fips");
     fips.load(); // as the machine's configuration might
@@ -133,8 +127,8 @@ TEST_F(FipsTest, TheModuleStandsOrFallsWithItsTest)
     const std::string test = "3 Self-test: SHA2 (KAT): ";
     const std::string unloaded = "3 Successfully unloaded OpenSSL provider: ";
     EXPECT_THAT(m_log.lines(),
-        testing::ElementsAre(loaded + "fips\" OpenSSL provider: Fake, Version: 1.2, Build info: abc, Status: running",
-            testing::StartsWith(loaded + "base\" OpenSSL provider: "), started, test + "Pass",
+        ElementsAre(loaded + "fips\" OpenSSL provider: Fake, Version: 1.2, Build info: abc, Status: running",
+            StartsWith(loaded + "base\" OpenSSL provider: "), started, test + "Pass",
             "3 OpenSSL provider self-test passed: fips", started, test + "Corrupt", test + "Fail", unloaded + "base",
             unloaded + "fips"));
     EXPECT_THAT(thrownBy([&] { make(m_events, m_providers); }), failure);
@@ -155,9 +149,9 @@ TEST_F(FipsTest, TheMachineDecides)
     FipsModuleInitializer initializer(m_log.logger(), *this, *inert, unused, files);
     EXPECT_TRUE(initializer.init(false) && m_log.lines().empty());
     EXPECT_FALSE(initializer.init(true));
-    EXPECT_THAT(m_log.lines(), testing::ElementsAre("1 FIPS mode is not supported by this agent."));
+    EXPECT_THAT(m_log.lines(), ElementsAre("1 FIPS mode is not supported by this agent."));
 
-    const test::TempDir directory;
+    const TempDir directory;
     std::filesystem::current_path(directory.path());
     EXPECT_THAT(thrownBy(FipsModule::loadOpenSSLConfig),
         MatchesRegex("runtime: Failed to load OpenSSL FIPS configuration:\n(" + kError + "\n)+"));
@@ -169,4 +163,3 @@ TEST_F(FipsTest, TheMachineDecides)
 }
 
 } // namespace
-} // namespace agent::ssl

@@ -1,29 +1,12 @@
+#include "FakeConfig.h"
 #include "Support.h"
 #include "TestCertificates.h"
 #include "agent/CURLError.h"
 #include "agent/CurlHelper.h"
 
-namespace agent {
 namespace {
 
-using namespace std::chrono_literals;
 using nlohmann::json;
-using test::Identity;
-using test::TcpServer;
-using test::thrownBy;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::MatchesRegex;
-using testing::StartsWith;
-
-struct SwitchConfig : IConfig {
-    void getValue(const std::string& key, bool& value) const override { value = key == "trace.http" && isVerbose; }
-    void getValue(const std::string& /*key*/, unsigned long& /*value*/) const override {}
-    void getValue(const std::string& /*key*/, std::string& /*value*/) const override {}
-    std::string getJSON() const override { return {}; }
-    void setJSON(json /*document*/, bool /*replace*/) override {}
-    bool isVerbose = false;
-};
 
 // One request, as it comes: all of its headers, and as much of a body as they tell of.
 std::string readRequest(const std::function<int(char*, int)>& read)
@@ -57,7 +40,7 @@ struct HttpTest : testing::Test {
             (void)::send(fd, answer.data(), answer.size(), MSG_NOSIGNAL);
         };
     }
-    std::function<void(int)> overTls(const test::TlsServerOptions& options)
+    std::function<void(int)> overTls(const TlsServerOptions& options)
     {
         return test::tls(options, [this](SSL* ssl) {
             m_request = readRequest([=](char* data, int size) { return SSL_read(ssl, data, size); });
@@ -93,9 +76,9 @@ struct HttpTest : testing::Test {
     }
 
     const std::string kAnswer = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
-    test::CapturingLogger m_log;
-    test::TempDir m_dir;
-    SwitchConfig m_config;
+    CapturingLogger m_log;
+    TempDir m_dir;
+    FakeConfig m_config;
     std::string m_request;
     std::string m_response;
 };
@@ -189,9 +172,9 @@ TEST_F(HttpTest, FailsWithLibcurlsCode)
 
 TEST_F(HttpTest, ChecksServersAndShowsItself)
 {
-    const Identity authority(test::CertificateSpec{.subject = {{"CN", "Authority"}}});
+    const Identity authority(CertificateSpec{.subject = {{"CN", "Authority"}}});
     const Identity client({.subject = {{"CN", "42"}}}, &authority);
-    const Identity selfSigned(test::CertificateSpec{.names = "IP:127.0.0.1"});
+    const Identity selfSigned(CertificateSpec{.names = "IP:127.0.0.1"});
     const auto attempt = [&](CurlHelper helper, bool verify) {
         const TcpServer server(overTls({selfSigned, nullptr}));
         helper.setCertificateVerification(verify);
@@ -216,7 +199,7 @@ TEST_F(HttpTest, ChecksServersAndShowsItself)
 
 TEST_F(HttpTest, TracesTextsButNoSecrets)
 {
-    m_config.isVerbose = true;
+    m_config.values["trace.http"] = 1;
     const TcpServer server(plain("HTTP/1.1 200 OK\r\nContent-Length: 6\r\n\r\nanswer"));
     (void)http().postRequestWithBasicAuth(
         url(server), json("request"), m_response, m_log.logger(), [](Path&, Path&) {}, {"Cookie: sweet"}, 5s);
@@ -244,7 +227,7 @@ TEST_F(HttpTest, TracesTextsButNoSecrets)
             Case{1, "header", ""},
             Case{6, "tls", ""},
         }) {
-        test::CapturingLogger log;
+        CapturingLogger log;
         std::string data = text;
         using Resources = CurlHelper::CurlAndHeaders;
         EXPECT_EQ(Resources::log_callback(nullptr, curl_infotype(type), data.data(), data.size(), &log.logger()), 0);
@@ -257,11 +240,11 @@ TEST_F(HttpTest, Downloads)
     const Path target = m_dir.file("file", "longer than that");
     const TcpServer first(plain(kAnswer));
     http().downloadFile(url(first), target, m_log.logger());
-    EXPECT_EQ(test::contentOf(target.u8string()), "oknger than that") << "not truncated";
+    EXPECT_EQ(contentOf(target.u8string()), "oknger than that") << "not truncated";
     const TcpServer server(plain(kAnswer));
     EXPECT_EQ(curlCodeOf([&] { http().downloadFile(url(server), "/dev/full", m_log.logger()); }), CURLE_WRITE_ERROR);
     EXPECT_EQ(thrownBy([&] { http().downloadFile("http://h", m_dir / "no/file", m_log.logger()); }),
-        test::posix("Failed to open file " + (m_dir / "no/file"), ENOENT));
+        posix("Failed to open file " + (m_dir / "no/file"), ENOENT));
     EXPECT_EQ(CurlHelper::writeDataCallback(nullptr, 1, 1, &m_response), 0U);
     EXPECT_EQ(CurlHelper::writeFileCallback(m_response.data(), 1, 1, nullptr), 0U);
     EXPECT_THAT(CurlHelper::getVersionInfo(),
@@ -269,4 +252,3 @@ TEST_F(HttpTest, Downloads)
 }
 
 } // namespace
-} // namespace agent

@@ -1,28 +1,17 @@
 #include "agent/ImdsClient.h"
 #include "FakeClock.h"
+#include "FakeConfig.h"
 #include "Support.h"
 
 #include <numeric>
 
-namespace agent {
 namespace {
 
-using namespace std::chrono_literals;
 using nlohmann::json;
-using test::thrownBy;
-using testing::ElementsAre;
 
 struct Provider : info::SystemInfoProvider {
     bool checkAzureFootprint() const override { return footprint; }
     bool footprint = true;
-};
-
-struct NoConfig : IConfig {
-    void getValue(const std::string& /*key*/, bool& /*value*/) const override {}
-    void getValue(const std::string& /*key*/, unsigned long& /*value*/) const override {}
-    void getValue(const std::string& /*key*/, std::string& /*value*/) const override {}
-    std::string getJSON() const override { return {}; }
-    void setJSON(json /*document*/, bool /*replace*/) override {}
 };
 
 /// Answers by the script, the last line over and over; a status of 0 throws.
@@ -45,10 +34,10 @@ struct ScriptedHttp : CurlHelper {
 };
 
 struct ImdsClientTest : testing::Test {
-    test::FakeClock m_clock;
-    test::CapturingLogger m_log;
+    FakeClock m_clock;
+    CapturingLogger m_log;
     Provider m_provider;
-    NoConfig m_config;
+    FakeConfig m_config;
     ScriptedHttp m_http{m_config, true, false, "", nullptr};
     bool m_isCanceled = false;
     ImdsClient m_client{m_http, m_log.logger(), m_provider, "", [this] { return m_isCanceled; }};
@@ -98,14 +87,12 @@ TEST_F(ImdsClientTest, JudgesAnswers)
          }) {
         m_http.script = c.script;
         m_http.calls = 0;
-        const std::size_t before = m_log.lines().size();
         ImdsClient client(m_http, m_log.logger(), m_provider, "", [] { return false; });
         EXPECT_EQ(client.init(), c.data == json::parse(kIds).dump()) << c.why;
         EXPECT_EQ(client.subscriptionId(), client.isAzure() ? "s" : "") << c.why;
         EXPECT_EQ(m_http.calls, c.calls) << c.why;
         EXPECT_EQ(client.imdsData().dump(), c.data) << c.why;
-        auto lines = m_log.lines();
-        lines.erase(lines.begin(), lines.begin() + static_cast<std::ptrdiff_t>(before));
+        auto lines = m_log.takeLines();
         std::erase_if(
             lines, [](const std::string& line) { return line.find("retry") == 2 || line.find("retry i") == 10; });
         EXPECT_EQ(lines, c.lines) << c.why;
@@ -126,17 +113,16 @@ TEST_F(ImdsClientTest, StopsWhenToldAndGivesUpAfterTenMinutes)
     m_isCanceled = false;
     m_http.script = {{0, ""}};
     EXPECT_FALSE(m_client.init());
-    const auto slept = std::accumulate(m_clock.sleeps.begin(), m_clock.sleeps.end(), std::chrono::nanoseconds(0));
+    const auto slept = std::accumulate(m_clock.sleeps.begin(), m_clock.sleeps.end(), nanoseconds(0));
     EXPECT_GT(slept, 580s);
     EXPECT_LE(slept, 600s);
-    EXPECT_THAT(m_log.lines(), testing::Contains("3 Azure IMDS http request failed: unplugged").Times(testing::Gt(50)));
-    EXPECT_THAT(m_log.lines(), testing::Contains("3 exceeded retry time of 600000 ms, giving up."));
+    EXPECT_THAT(m_log.lines(), Contains("3 Azure IMDS http request failed: unplugged").Times(testing::Gt(50)));
+    EXPECT_THAT(m_log.lines(), Contains("3 exceeded retry time of 600000 ms, giving up."));
 
     m_client.setRetryMethod(std::make_unique<RegularIntervalRetry>(m_log.logger(), 1, 5, 0));
     (void)m_client.init(); // the breaker is open by now
-    EXPECT_THAT(m_log.lines(), testing::Contains(testing::StartsWith("3 Azure IMDS http request failed due to open "
-                                                                     "circuit breaker: error: breaker was opened ")));
+    EXPECT_THAT(m_log.lines(), Contains(StartsWith("3 Azure IMDS http request failed due to open "
+                                                   "circuit breaker: error: breaker was opened ")));
 }
 
 } // namespace
-} // namespace agent

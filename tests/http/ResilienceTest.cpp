@@ -5,21 +5,14 @@
 #include "agent/RetryMethod.h"
 
 #include <cmath>
-#include <set>
-#include <thread>
 
-namespace agent {
 namespace {
 
-using namespace std::chrono_literals;
 using Status = IRetryMethod::RetriableFuncStatus;
-using std::chrono::nanoseconds;
-using test::thrownBy;
-using testing::ElementsAre;
 
 struct ResilienceTest : testing::Test {
-    test::CapturingLogger m_log;
-    test::FakeClock m_clock;
+    CapturingLogger m_log;
+    FakeClock m_clock;
 };
 
 TEST_F(ResilienceTest, TheBreakerRefusesUntilItsTimeIsOver)
@@ -108,7 +101,7 @@ TEST_F(ResilienceTest, RetriesAsLongAsItIsWorthIt)
                  {"3 exceeded retry time of 100" + giveUp}},
          }) {
         m_clock.sleeps.clear();
-        test::CapturingLogger log;
+        CapturingLogger log;
         const auto method = c.make(log.logger());
         std::size_t calls = 0;
         EXPECT_EQ(method->callWithRetry([&] { return c.answers[std::min(calls++, c.answers.size() - 1)]; }),
@@ -187,4 +180,3 @@ TEST(MeterMetric, LosesNoEventOfAnyThread)
 }
 
 } // namespace
-} // namespace agent

@@ -2,19 +2,13 @@
 #include "Support.h"
 
 #include <sys/syscall.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <csignal>
 #include <cstdio>
-#include <cstdlib>
-#include <ctime>
-#include <thread>
 
-namespace agent::info {
+using namespace agent::info;
+
 namespace {
 
-using namespace std::chrono_literals;
 using Time = IDecorator::Time;
 
 constexpr Time kWhen = std::chrono::sys_days(std::chrono::May / 1 / 2024) + 10h + 34min + 56s + 789ms;
@@ -90,9 +84,9 @@ TEST_F(Decorators, ShowTheThreadAlsoAfterAFork)
     const auto isShown = [this] { return m_thread.decorate("m", Logger::INFO, kWhen) == threadPrefix() + "m"; };
     EXPECT_TRUE(isShown());
     std::thread([&] { EXPECT_TRUE(isShown()); }).join();
-    EXPECT_TRUE(test::inChild(isShown));
+    EXPECT_TRUE(inChild(isShown));
     const auto passingTheLibraryBy = [] { return static_cast<pid_t>(::syscall(SYS_clone, SIGCHLD, 0, 0, 0, 0)); };
-    EXPECT_TRUE(test::inChild(isShown, passingTheLibraryBy));
+    EXPECT_TRUE(inChild(isShown, passingTheLibraryBy));
 }
 
 TEST_F(Decorators, TakeOffNothingButTheirOwnPrefix)
@@ -118,8 +112,8 @@ TEST_F(Decorators, RefuseALineWithoutADate)
              utc + local.substr(0, local.size() - 1), utc + utc, "2024-02-30T10:34:56.789Z " + local,
              "2024-05-01T24:34:56.789Z " + local, "9999-05-01T10:34:56.789Z " + local,
              "2024-05-01 10:34:56.789Z " + local, "2024-05-01T10:34:56.789  " + local}) {
-        EXPECT_EQ(test::thrownBy([&] { (void)m_date.undecorate(line, m_level, m_when); }),
-            test::posix("Could not parse date out of formatted log message: " + line.substr(0, 80), EINVAL));
+        EXPECT_EQ(thrownBy([&] { (void)m_date.undecorate(line, m_level, m_when); }),
+            posix("Could not parse date out of formatted log message: " + line.substr(0, 80), EINVAL));
     }
     EXPECT_EQ(m_when, Time());
 }
@@ -133,4 +127,3 @@ TEST_F(Decorators, HaveATagForEachLevelAndNoOther)
 }
 
 } // namespace
-} // namespace agent::info

@@ -1,10 +1,8 @@
 #include "agent/info/Logger.h"
 #include "Support.h"
 
-#include <algorithm>
-#include <thread>
+using namespace agent::info;
 
-namespace agent::info {
 namespace {
 
 using Texts = std::vector<std::string>;
@@ -12,7 +10,7 @@ using Entry = Logger::Entry;
 
 TEST(LoggerEntry, PrintsItselfWithANewlineAndFlushWithout)
 {
-    test::CapturingLogger log;
+    CapturingLogger log;
     Entry(log.logger(), Logger::INFO) << "abc " << 1234567 << ' ' << 0.5; // ungrouped in every locale
     Entry(log.logger(), Logger::INFO) << "";                              // nothing written, nothing printed
     {
@@ -33,7 +31,7 @@ TEST(LoggerEntry, PrintsItselfWithANewlineAndFlushWithout)
 
 TEST(LoggerEntry, StaysSilentInEveryBadStateAndWithoutAPrinter)
 {
-    test::CapturingLogger log;
+    CapturingLogger log;
     Logger silent({});
     for (const auto state : {std::ios::badbit, std::ios::failbit, std::ios::eofbit, std::ios::goodbit}) {
         Entry entry(state == std::ios::goodbit ? silent : log.logger(), Logger::ERROR);
@@ -54,7 +52,7 @@ TEST(LoggerEntry, APrintersExceptionLeavesFlushButNotTheDestructor)
     {
         Entry entry(logger, Logger::INFO);
         entry << "lost"; // and not printed twice: the entry is emptied before the printer runs
-        EXPECT_EQ(test::thrownBy([&] { entry.flush(); }), "runtime: lost");
+        EXPECT_EQ(thrownBy([&] { entry.flush(); }), "runtime: lost");
     }
     Entry(logger, Logger::INFO) << "swallowed"; // and the lock was released
     EXPECT_EQ(calls, 2);
@@ -62,7 +60,7 @@ TEST(LoggerEntry, APrintersExceptionLeavesFlushButNotTheDestructor)
 
 TEST(LoggerThreads, CopiesShareOneLockAndStampsNeverDecrease)
 {
-    test::CapturingLogger log;
+    CapturingLogger log;
     {
         const auto logLines = [copy = log.logger()]() mutable {
             for (int i = 0; i < 2000; ++i) Entry(copy, Logger::INFO) << i;
@@ -75,4 +73,3 @@ TEST(LoggerThreads, CopiesShareOneLockAndStampsNeverDecrease)
 }
 
 } // namespace
-} // namespace agent::info

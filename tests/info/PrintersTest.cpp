@@ -4,10 +4,10 @@
 
 #include <iostream>
 
-namespace agent::info {
+using namespace agent::info;
+
 namespace {
 
-using testing::ElementsAre;
 using Time = std::chrono::system_clock::time_point;
 
 constexpr Time kWhen{std::chrono::seconds(1'000'000)};
@@ -74,7 +74,7 @@ TEST_F(Printers, TheFailsafeStopsAtTheFirstThatPrints)
 
 TEST(LoggerAdapter, TranslatesLevelsAndAddsTheCode)
 {
-    test::CapturingLogger log;
+    CapturingLogger log;
     const auto callback = ::vnt::LoggerAdapter::toLogCallback(log.logger());
     using ::vnt::common::loglevel;
     callback(::vnt::common::loglevel_information, 0, "ok");
@@ -85,4 +85,3 @@ TEST(LoggerAdapter, TranslatesLevelsAndAddsTheCode)
 }
 
 } // namespace
-} // namespace agent::info

@@ -2,17 +2,10 @@
 #include "agent/info/SystemInfoProvider.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <ifaddrs.h>
 #include <netpacket/packet.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/utsname.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <csignal>
-#include <map>
 
 namespace {
 std::map<std::string, std::string> g_files; // where a file is found instead
@@ -20,7 +13,6 @@ utsname g_names{};
 ifaddrs* g_interfaces = nullptr;
 } // namespace
 
-// NOLINTBEGIN(cert-dcl50-cpp,readability-inconsistent-declaration-parameter-name)
 extern "C" AGENTKIT_API int open(const char* path, int flags, ...)
 {
     const auto other = g_files.find(path);
@@ -39,13 +31,11 @@ extern "C" AGENTKIT_API void freeifaddrs(ifaddrs* interfaces) noexcept
 {
     EXPECT_EQ(interfaces, std::exchange(g_interfaces, nullptr));
 }
-// NOLINTEND(cert-dcl50-cpp,readability-inconsistent-declaration-parameter-name)
 
-namespace agent::info {
+using namespace agent::info;
+
 namespace {
 
-using test::thrownBy;
-using testing::ElementsAre;
 using Pairs = std::vector<std::pair<std::string, std::string>>;
 
 /// What a question gets for an answer, or what is thrown.
@@ -64,7 +54,7 @@ protected:
         g_files[path] = m_dir.file(std::to_string(g_files.size()), content);
     }
 
-    test::TempDir m_dir;
+    TempDir m_dir;
     const SystemInfoProvider m_info{};
 };
 
@@ -79,7 +69,7 @@ TEST_F(SystemInfo, AsksTheKernel)
         EXPECT_EQ(testing::PrintToString(n) + rest, expected);
     }
     EXPECT_EQ(m_info.getOSArchitectureBitSize(), 32U) << "of an unknown machine";
-    for (int i = 0; i < 2; ++i) EXPECT_THAT(m_info.getUserHomeDirs(), testing::Contains(Path("/root")));
+    for (int i = 0; i < 2; ++i) EXPECT_THAT(m_info.getUserHomeDirs(), Contains(Path("/root")));
     EXPECT_EQ(thrownBy([&] { m_info.getServices(); }), "runtime: getServicesis not implemented.");
 }
 
@@ -115,7 +105,7 @@ TEST_F(SystemInfo, ListsNetworkAddresses)
     entries[1].ifa_addr = reinterpret_cast<sockaddr*>(&ip);
     entries[2].ifa_addr = reinterpret_cast<sockaddr*>(&none);
     entries[3].ifa_addr = reinterpret_cast<sockaddr*>(&mac);
-    test::CapturingLogger log;
+    CapturingLogger log;
     g_interfaces = entries;
     EXPECT_THAT(m_info.getIPv4Addresses(log.logger()), ElementsAre("127.0.0.1"));
     g_interfaces = entries;
@@ -147,4 +137,3 @@ TEST_F(SystemInfo, ReadsTheDiskTable)
 }
 
 } // namespace
-} // namespace agent::info

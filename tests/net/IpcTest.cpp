@@ -1,13 +1,7 @@
 #include "Support.h"
 #include "agent/transport/ipc/UnixIpcSocket.h"
 
-#include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <csignal>
 
 bool g_listenFails = false;
 extern "C" AGENTKIT_API int listen(int fd, int backlog) noexcept
@@ -15,12 +9,11 @@ extern "C" AGENTKIT_API int listen(int fd, int backlog) noexcept
     return static_cast<int>(::syscall(SYS_listen, g_listenFails ? -1 : fd, backlog));
 }
 
-namespace agent::transport::ipc {
+using namespace agent::transport::ipc;
+
 namespace {
 
-using namespace std::chrono_literals;
 using std::chrono::steady_clock;
-using testing::ElementsAre;
 
 class IpcTest : public testing::Test {
 protected:
@@ -37,8 +30,8 @@ protected:
         return socket.read(buffer, sizeof buffer, count) ? std::string(buffer, count) : "nothing";
     }
 
-    test::TempDir dir;
-    test::CapturingLogger log;
+    TempDir dir;
+    CapturingLogger log;
     std::string path = dir / "socket";
 };
 
@@ -69,8 +62,7 @@ TEST_F(IpcTest, TalksToAnotherProcessUntilThatEnds)
     int status = -1;
     ::waitpid(child, &status, 0);
     EXPECT_EQ(status, 0);
-    EXPECT_EQ(
-        test::thrownBy([&] { accepted.write("x"); }), test::posix("Failed to write responce to socket : ", EPIPE));
+    EXPECT_EQ(thrownBy([&] { accepted.write("x"); }), posix("Failed to write responce to socket : ", EPIPE));
     accepted.disconnect();
     accepted.write("goes nowhere");
     EXPECT_EQ(received(accepted) + received(*listening), "nothingnothing");
@@ -98,11 +90,11 @@ TEST_F(IpcTest, TheFileIsPrivateAndGoesWithTheServer)
 TEST_F(IpcTest, FailuresAreToldAndLeakNothing)
 {
     const std::string noServer = "runtime: Failed to create server connection.";
-    const auto descriptors = test::openDescriptors();
+    const auto descriptors = openDescriptors();
     {
         EXPECT_FALSE(client()->connect());
         g_listenFails = true;
-        EXPECT_EQ(test::thrownBy([&] { server(); }), noServer);
+        EXPECT_EQ(thrownBy([&] { server(); }), noServer);
         g_listenFails = false;
         EXPECT_FALSE(std::filesystem::exists(path));
         const auto listening = server();
@@ -112,26 +104,25 @@ TEST_F(IpcTest, FailuresAreToldAndLeakNothing)
         ::getrlimit(RLIMIT_NOFILE, &limit);
         const rlimit none{0, limit.rlim_max};
         ::setrlimit(RLIMIT_NOFILE, &none);
-        EXPECT_EQ(test::thrownBy([&] { server(); }), noServer);
+        EXPECT_EQ(thrownBy([&] { server(); }), noServer);
         EXPECT_FALSE(client()->connect());
         EXPECT_FALSE(accepted.connect());
         ::setrlimit(RLIMIT_NOFILE, &limit);
         path = dir / "missing/socket";
-        EXPECT_EQ(test::thrownBy([&] { server(); }), noServer);
+        EXPECT_EQ(thrownBy([&] { server(); }), noServer);
     }
-    EXPECT_EQ(test::openDescriptors(), descriptors);
+    EXPECT_EQ(openDescriptors(), descriptors);
     EXPECT_THAT(log.lines(),
         ElementsAre("1 Failed to connect client unix socket.", "1 Failed to listen socket.", "1 Invalid socket role",
             "1 Failed to create server unix socket.", "1 Failed to create client unix socket.",
             "1 " + std::string(PosixError("Failed to accept connection.", EMFILE).what()), "1 Failed to bind socket."));
 
-    EXPECT_EQ(test::thrownBy([] { UnixIpcSocket(nullptr).connect(); }),
-        "invalid argument: Must provide a valid server socket.");
-    EXPECT_EQ(test::thrownBy([&] { UnixIpcSocket(client()).connect(); }),
+    EXPECT_EQ(
+        thrownBy([] { UnixIpcSocket(nullptr).connect(); }), "invalid argument: Must provide a valid server socket.");
+    EXPECT_EQ(thrownBy([&] { UnixIpcSocket(client()).connect(); }),
         "invalid argument: Socket should be configured as server.");
     path.resize(path.size() + 1); // a NUL
-    EXPECT_EQ(test::thrownBy([&] { client(); }), "invalid argument: Must provide a proper socket path.");
+    EXPECT_EQ(thrownBy([&] { client(); }), "invalid argument: Must provide a proper socket path.");
 }
 
 } // namespace
-} // namespace agent::transport::ipc

@@ -2,13 +2,11 @@
 #include "FakeClock.h"
 #include "Support.h"
 
-namespace vnt::protocol {
+using namespace vnt::protocol;
+
 namespace {
 
-using namespace std::chrono_literals;
-using agent::test::FakeClock;
-using common::Ret;
-using std::chrono::nanoseconds;
+using vnt::common::Ret;
 
 constexpr unsigned int kMax = 0xFFFF'FFFF;
 
@@ -84,10 +82,9 @@ TEST(RateLimiter, TakesTheLowerRateAndEndsWithTheFirstError)
 
     manager.maximum = 0; // would wait for ever
     int calls = 0;
-    const auto fail = [&](auto, auto) { return ++calls < 3 ? Ret() : common::RetNoLog(32, "broken"); };
+    const auto fail = [&](auto, auto) { return ++calls < 3 ? Ret() : vnt::common::RetNoLog(32, "broken"); };
     EXPECT_EQ(limiter.write(nullptr, 100, fail).message, "broken");
     EXPECT_EQ(calls, 3);
 }
 
 } // namespace
-} // namespace vnt::protocol

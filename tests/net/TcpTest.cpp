@@ -6,19 +6,11 @@
 #include "agent/vnt/SocketIo.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/tcp.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <csignal>
-
-namespace agent {
 namespace {
 
-using namespace std::chrono_literals;
 using agent::vnt::SocketIo;
 using ::vnt::common::Ret;
 
@@ -57,14 +49,14 @@ protected:
 
 TEST_F(TcpTest, ConnectsAndLetsGo)
 {
-    const auto descriptors = test::openDescriptors();
+    const auto descriptors = openDescriptors();
     {
         TCPConnector connector("127.0.0.1", m_port, 5s);
         ASSERT_EQ(connector.connect().code, 0);
         EXPECT_TRUE(::fcntl(connector.fd(), F_GETFD) == FD_CLOEXEC && ::fcntl(connector.fd(), F_GETFL) & O_NONBLOCK);
         ::close(::accept(m_listener, nullptr, nullptr));
         EXPECT_EQ(connector.connect().code, 0) << "anew";
-        EXPECT_EQ(test::openDescriptors(), descriptors + 1);
+        EXPECT_EQ(openDescriptors(), descriptors + 1);
 
         const auto option = [&](int level, int name, int value = 0) {
             socklen_t length = sizeof value;
@@ -82,7 +74,7 @@ TEST_F(TcpTest, ConnectsAndLetsGo)
         connector.clear();
         EXPECT_TRUE(connector.fd() == 0 && ::close(taken) == 0) << "still open";
     }
-    EXPECT_EQ(test::openDescriptors(), descriptors);
+    EXPECT_EQ(openDescriptors(), descriptors);
 }
 
 TEST_F(TcpTest, TellsWhyThereIsNoConnection)
@@ -91,12 +83,12 @@ TEST_F(TcpTest, TellsWhyThereIsNoConnection)
     ASSERT_EQ(first.connect().code, 0);
     const auto connect = [](const char* host, int port) { return told(TCPConnector(host, port, 1s).connect()); };
     EXPECT_EQ(connect("", m_port), "-1 No hostname provided to TCPConnector.");
-    EXPECT_THAT(connect("-", m_port), testing::HasSubstr(" Unable to gethostbyname for: -, h_errno "));
+    EXPECT_THAT(connect("-", m_port), HasSubstr(" Unable to gethostbyname for: -, h_errno "));
     EXPECT_EQ(connect("127.0.0.1", 1), "115 Unable to check connect to host 127.0.0.1, so_error 111.");
     TCPConnector late("127.0.0.1", m_port, 1s);
     EXPECT_EQ(
         told(late.connect()), "110 Unable to connect to host 127.0.0.1, timed out waiting for connection 1 seconds.");
-    EXPECT_TRUE(test::inChild([&] {
+    EXPECT_TRUE(inChild([&] {
         ::close(0); // the socket would be number 0, which means none
         const bool isRefused = connect("127.0.0.1", m_port).find(" Unable to set socket nonblocking: errno: ") < 5;
         const rlimit none{0, 0};
@@ -112,7 +104,7 @@ TEST_F(TcpTest, ReadsAndWrites)
     EXPECT_EQ(std::string(m_buffer, std::exchange(m_length, sizeof m_buffer)), "hello");
 
     // The documented arithmetic: a first byte that cannot be written counts as done. No signal ends the process.
-    EXPECT_TRUE(test::inChild([&] {
+    EXPECT_TRUE(inChild([&] {
         (void)std::signal(SIGPIPE, SIG_DFL);
         int pipe[2] = {::shutdown(m_pair[0], SHUT_WR), 0};
         const bool sent = SocketIo::write(m_pair[0], 1s, 5, "hello").code == 0 && ::pipe(pipe) == 0;
@@ -144,7 +136,7 @@ TEST(IpEndpoint, ReadsHostAndPort)
              {"f:99999999999", "g 9 logic: stoi"}, // std::out_of_range
          }) {
         IpEndpoint endpoint("g", 9);
-        const std::string thrown = test::thrownBy([&, &pair = text] { endpoint.hostPortPair(pair); });
+        const std::string thrown = thrownBy([&, &pair = text] { endpoint.hostPortPair(pair); });
         EXPECT_EQ(endpoint.host() + ' ' + std::to_string(endpoint.port()) + ' ' + thrown, expected);
     }
 }
@@ -163,8 +155,7 @@ TEST(PortRotator, CyclesWithThePreferredPortFirst)
     for (const unsigned int preferred :
         {0U, 0U, 0U, 0U, 2U, 2U, 2U, 2U, 2U, 9U, 9U, 9U, 9U, 9U, 0U, 0U}) // at last 0 is new
         seen.push_back(ports.getPort(preferred));
-    EXPECT_THAT(seen, testing::ElementsAre(1, 2, 3, 1, 2, 1, 3, 2, 1, 9, 1, 2, 3, 9, 0, 1));
+    EXPECT_THAT(seen, ElementsAre(1, 2, 3, 1, 2, 1, 3, 2, 1, 9, 1, 2, 3, 9, 0, 1));
 }
 
 } // namespace
-} // namespace agent

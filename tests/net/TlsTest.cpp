@@ -6,20 +6,8 @@
 
 #include <openssl/err.h>
 
-#include <cerrno>
-#include <csignal>
-#include <future>
-
-namespace agent {
 namespace {
 
-using namespace std::chrono_literals;
-using test::Identity;
-using test::TcpServer;
-using test::thrownBy;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::StartsWith;
 using ::vnt::common::Ret;
 
 const std::string kHost = "backup.example.com";
@@ -33,24 +21,6 @@ struct NamedConnector : TCPConnector {
     }
     std::string getHost() const override { return m_name; }
     std::string m_name;
-};
-
-/// Hands out what it was given.
-struct FixedStore : SSLCertificateStore {
-    FixedStore(info::Logger& logger, std::string certificate, std::string key)
-        : SSLCertificateStore(logger, m_nowhere)
-        , m_certificate(std::move(certificate))
-        , m_key(std::move(key))
-    {
-    }
-    void exportCertificatePrivateKeyPair(std::string& certificate, std::string& key) const override
-    {
-        certificate = m_certificate;
-        key = m_key;
-    }
-    FileCertificateStoreDescriptor m_nowhere{"", "", "", ""};
-    std::string m_certificate;
-    std::string m_key;
 };
 
 class TlsTest : public testing::Test {
@@ -77,20 +47,16 @@ protected:
         return std::make_shared<OpenSSLStream>(m_log.logger(), m_connector, m_store, timeout);
     }
 
-    /// What connecting to the server throws.
-    std::string failureWith(const TcpServer& server, std::chrono::seconds timeout = 5s, const std::string& name = kHost)
-    {
-        const auto stream = streamTo(server, timeout, name);
-        return thrownBy([&] { stream->connect(); });
-    }
-
-    test::TempDir m_dir;
-    test::CapturingLogger m_log;
-    const Identity m_authority{test::CertificateSpec{.subject = {{"CN", "Authority"}}}};
+    TempDir m_dir;
+    CapturingLogger m_log;
+    const Identity m_authority{CertificateSpec{.subject = {{"CN", "Authority"}}}};
     const Identity m_client{{.subject = {{"CN", "42"}}}, &m_authority};
     const Identity m_server{{.subject = {{"O", "Org"}, {"CN", "server"}}, .names = "DNS:" + kHost}, &m_authority};
+    const FileCertificateStoreDescriptor m_files{
+        m_dir.file("cert", m_client.pem()), m_dir.file("key", m_client.keyPem()), "", ""};
+    CapturingLogger m_storesLog;
     std::shared_ptr<ISSLCertificateStore> m_store =
-        std::make_shared<FixedStore>(m_log.logger(), m_client.pem(), m_client.keyPem());
+        std::make_shared<FileCertificateStore>(m_storesLog.logger(), m_files);
     std::shared_ptr<TCPConnector> m_connector;
 };
 
@@ -100,48 +66,44 @@ std::string failure(const std::string& doing, const std::string& name)
     return doing + "Error: " + name + " |  Error Queue: ";
 }
 
-class TlsVersions : public TlsTest, public testing::WithParamInterface<std::pair<int, const char*>> {};
-
-TEST_P(TlsVersions, CarryDataBothWays)
+TEST_F(TlsTest, CarriesDataBothWays)
 {
     std::vector<unsigned char> data(std::size_t{64} << 20);
     for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<unsigned char>(i * 31 + i / 256);
-    const TcpServer server(tls(
-        [&](SSL* ssl) {
-            std::vector<unsigned char> received(data.size());
-            for (std::size_t done = 0, count = 0; done < received.size(); done += count)
-                if (SSL_read_ex(ssl, received.data() + done, received.size() - done, &count) != 1) return;
-            (void)SSL_write(ssl, received.data(), static_cast<int>(received.size()));
-        },
-        GetParam().first));
-    {
-        const auto stream = streamTo(server);
-        stream->connect();
-        EXPECT_EQ(stream->getFileDescriptor(), m_connector->fd());
-        stream->write(data.data(), static_cast<unsigned int>(data.size()));
+    const auto echo = [&](SSL* ssl) {
         std::vector<unsigned char> received(data.size());
-        unsigned int count = 0;
-        for (std::size_t done = 0; done < received.size(); done += count)
-            stream->read(received.data() + done, static_cast<unsigned int>(received.size() - done), count);
-        EXPECT_TRUE(received == data);
+        for (std::size_t done = 0, count = 0; done < received.size(); done += count)
+            if (SSL_read_ex(ssl, received.data() + done, received.size() - done, &count) != 1) return;
+        (void)SSL_write(ssl, received.data(), static_cast<int>(received.size()));
+    };
+    for (const auto& [version, cipher] :
+        {std::pair{TLS1_2_VERSION, "ECDHE-ECDSA-AES256-GCM-SHA384"}, {TLS1_3_VERSION, "TLS_AES_256_GCM_SHA384"}}) {
+        const TcpServer server(tls(echo, version));
+        {
+            const auto stream = streamTo(server);
+            stream->connect();
+            EXPECT_EQ(stream->getFileDescriptor(), m_connector->fd());
+            stream->write(data.data(), static_cast<unsigned int>(data.size()));
+            std::vector<unsigned char> received(data.size());
+            unsigned int count = 0;
+            for (std::size_t done = 0; done < received.size(); done += count)
+                stream->read(received.data() + done, static_cast<unsigned int>(received.size() - done), count);
+            EXPECT_TRUE(received == data);
+        }
+        EXPECT_THAT(m_log.takeLines(),
+            ElementsAre("4 ssl socket number " + std::to_string(m_connector->fd()), "3 SSL verified server certificate",
+                "3 SSL connection completed using " + std::string(cipher),
+                "4 Subject from server cert: /O=Org/CN=server", "4 Issuer from server cert: /CN=Authority",
+                "4 Starting ssl shutdown.", "4 Completed ssl shutdown."));
     }
-    EXPECT_THAT(m_log.lines(),
-        ElementsAre("4 ssl socket number " + std::to_string(m_connector->fd()), "3 SSL verified server certificate",
-            "3 SSL connection completed using " + std::string(GetParam().second),
-            "4 Subject from server cert: /O=Org/CN=server", "4 Issuer from server cert: /CN=Authority",
-            "4 Starting ssl shutdown.", "4 Completed ssl shutdown."));
 }
-
-INSTANTIATE_TEST_SUITE_P(Tls, TlsVersions,
-    testing::Values(std::pair{TLS1_2_VERSION, "ECDHE-ECDSA-AES256-GCM-SHA384"},
-        std::pair{TLS1_3_VERSION, "TLS_AES_256_GCM_SHA384"}));
 
 TEST_F(TlsTest, KnowsWhomToTrust)
 {
-    const Identity stranger(test::CertificateSpec{.subject = {{"CN", "Stranger"}}});
-    const std::string refused = test::posix(failure("Error on ssl connect: ", "SSL_ERROR_SSL") +
-                                                "0: Error: 0xa000086 | Library: 'SSL routines' | Func: "
-                                                "'OPENSSL_internal' | Reason: 'certificate verify failed'",
+    const Identity stranger(CertificateSpec{.subject = {{"CN", "Stranger"}}});
+    const std::string refused = posix(failure("Error on ssl connect: ", "SSL_ERROR_SSL") +
+                                          "0: Error: 0xa000086 | Library: 'SSL routines' | Func: "
+                                          "'OPENSSL_internal' | Reason: 'certificate verify failed'",
         22);
     using Case = std::tuple<const char*, std::string, std::string, const Identity*, long, bool>;
     for (const auto& [why, names, host, issuer, validUntil, isTrusted] : {
@@ -157,7 +119,8 @@ TEST_F(TlsTest, KnowsWhomToTrust)
         const TcpServer server(test::tls({identity, &m_authority}, [name = host](SSL* ssl) {
             EXPECT_STREQ(SSL_get_servername(ssl, TLSEXT_NAMETYPE_host_name), name.c_str());
         }));
-        EXPECT_EQ(failureWith(server, 5s, host), isTrusted ? "nothing" : refused) << why;
+        const auto stream = streamTo(server, 5s, host);
+        EXPECT_EQ(thrownBy([&] { stream->connect(); }), isTrusted ? "nothing" : refused) << why;
     }
 }
 
@@ -182,26 +145,25 @@ TEST_F(TlsTest, SurvivesHostilePeersDuringTheHandshake)
     };
     const auto tls11 = test::tls({m_server, &m_authority, TLS1_1_VERSION}, [](SSL*) {});
     using Case = std::tuple<const char*, std::function<void(int)>, std::chrono::seconds, std::string>;
-    const auto descriptors = test::openDescriptors();
+    const auto descriptors = openDescriptors();
     for (const auto& [why, serve, timeout, expected] : {
              Case{"garbage", garbage, 5s,
                  failure("posix: Error on ssl connect: ", "SSL_ERROR_SSL") + "0: Error: 0xa00010b "},
-             Case{"silent", drain, 1s, test::posix("Want read timed out.", 110)},
-             Case{"slow", drip, 1s, test::posix("SSL_connect timed out after 1", 110)},
-             Case{"ends in order", notify, 5s,
-                 test::posix(failure("Error on ssl connect: ", "SSL_ERROR_ZERO_RETURN"), 103)},
+             Case{"silent", drain, 1s, posix("Want read timed out.", 110)},
+             Case{"slow", drip, 1s, posix("SSL_connect timed out after 1", 110)},
+             Case{"ends in order", notify, 5s, posix(failure("Error on ssl connect: ", "SSL_ERROR_ZERO_RETURN"), 103)},
              Case{"too old", tls11, 5s, "posix: Error on ssl connect: "},
          }) {
         const TcpServer server(serve);
         {
             const auto stream = streamTo(server, timeout);
             EXPECT_THAT(thrownBy([&] { stream->connect(); }), StartsWith(expected)) << why;
-            EXPECT_EQ(thrownBy([&] { stream->connect(); }), test::posix("SSL client has already be initialized.", 114));
+            EXPECT_EQ(thrownBy([&] { stream->connect(); }), posix("SSL client has already be initialized.", 114));
         }
         EXPECT_EQ(m_log.lines().back(), "4 skipping ssl shutdown because of: never initialized a connection") << why;
         m_connector.reset();
     }
-    EXPECT_LE(test::openDescriptors(), descriptors + 1) << "the last server's";
+    EXPECT_LE(openDescriptors(), descriptors + 1) << "the last server's";
 }
 
 TEST_F(TlsTest, TellsWhatKeepsItFromConnecting)
@@ -211,19 +173,19 @@ TEST_F(TlsTest, TellsWhatKeepsItFromConnecting)
     using Case = std::tuple<const char*, std::string, std::string, std::string, std::string>;
     const TcpServer server([](int fd) { (void)::read(fd, nullptr, 0); });
     for (const auto& [why, certificate, keyPem, host, expected] : {
-             Case{"no certificate", "", key, kHost, test::posix("Can't load certificate string", 2)},
+             Case{"no certificate", "", key, kHost, posix("Can't load certificate string", 2)},
              Case{"a key with a password, which nobody is asked for", pem, m_client.keyPem("secret"), kHost,
-                 test::posix("Can't load key string", 2)},
+                 posix("Can't load key string", 2)},
              Case{"another's key", pem, m_server.keyPem(), kHost,
                  "posix: Unable to load client key into ssl context: 0: "},
-             Case{"a NUL in the host", pem, key, kHost + '\0', test::posix("Unable to set ssl verify host: ", 22)},
+             Case{"a NUL in the host", pem, key, kHost + '\0', posix("Unable to set ssl verify host: ", 22)},
          }) {
-        OpenSSLStream stream(m_log.logger(), std::make_shared<NamedConnector>(host, server.port()),
-            std::make_shared<FixedStore>(m_log.logger(), certificate, keyPem), 1s);
+        (void)m_dir.file("cert", certificate), (void)m_dir.file("key", keyPem);
+        OpenSSLStream stream(m_log.logger(), std::make_shared<NamedConnector>(host, server.port()), m_store, 1s);
         EXPECT_THAT(thrownBy([&] { stream.connect(); }), StartsWith(expected)) << why;
     }
     OpenSSLStream stream(m_log.logger(), std::make_shared<NamedConnector>(kHost, server.port()), nullptr, 1s);
-    EXPECT_EQ(thrownBy([&] { stream.connect(); }), test::posix("ISSLCertificateStore is nullptr", 2));
+    EXPECT_EQ(thrownBy([&] { stream.connect(); }), posix("ISSLCertificateStore is nullptr", 2));
     EXPECT_EQ(thrownBy([&] { stream.getPeerCertificate(); }), "logic: getPeerCertificate is not implemented");
     EXPECT_EQ(thrownBy([&] { OpenSSLStream(m_log.logger(), nullptr, m_store, 1s); }),
         "invalid argument: ITCPConnector is nullptr");
@@ -242,9 +204,9 @@ TEST_F(TlsTest, ToldHowAConnectionEnds)
         const auto stream = streamTo(server);
         stream->connect();
         EXPECT_EQ(thrownBy([&] { stream->read(&byte, 1, count); }),
-            test::posix(failure("Read returned EOF, remote closed socket. ", "SSL_ERROR_ZERO_RETURN"), 104));
+            posix(failure("Read returned EOF, remote closed socket. ", "SSL_ERROR_ZERO_RETURN"), 104));
         stream->close();
-        EXPECT_EQ(thrownBy([&] { stream->write(&byte, 1); }), test::posix("SSL_write without a connection", 107));
+        EXPECT_EQ(thrownBy([&] { stream->write(&byte, 1); }), posix("SSL_write without a connection", 107));
     }
     const TcpServer server(tls([](SSL* ssl) {
         char first = 0;
@@ -257,33 +219,34 @@ TEST_F(TlsTest, ToldHowAConnectionEnds)
     stream->write(&byte, 1);
     const std::string reset = PosixError("SSL_ERROR_SYSCALL", ECONNRESET).what();
     EXPECT_EQ(thrownBy([&] { stream->read(&byte, 1, count); }),
-        test::posix(failure("SSL error on SSL_read: ", reset), SSL_ERROR_SYSCALL));
+        posix(failure("SSL error on SSL_read: ", reset), SSL_ERROR_SYSCALL));
     (void)std::signal(SIGPIPE, SIG_DFL); // would end the program
     const std::string broken = PosixError("SSL_ERROR_SYSCALL", EPIPE).what();
     EXPECT_EQ(thrownBy([&] { stream->write(&byte, 1); }),
-        test::posix(failure("SSL error on SSL_write: ", broken), SSL_ERROR_SYSCALL));
+        posix(failure("SSL error on SSL_write: ", broken), SSL_ERROR_SYSCALL));
     stream->close();
     EXPECT_EQ(m_log.lines().back(), "4 skipping ssl shutdown because of: previous ssl error");
 }
 
 TEST_F(TlsTest, WaitsNoLongerThanItShould)
 {
-    std::promise<void> done;
-    const TcpServer server(tls([&](SSL*) { done.get_future().wait(); }));
+    std::atomic<bool> isDone = false;
+    const TcpServer server(tls([&](SSL*) { isDone.wait(false); }));
     const auto stream = streamTo(server, 1s);
     stream->connect();
     std::vector<char> large(50'000'000); // more than the sockets hold
     unsigned int count = 0;
-    EXPECT_EQ(thrownBy([&] { stream->read(large.data(), 1, count); }), test::posix("Want read timed out.", 110));
+    EXPECT_EQ(thrownBy([&] { stream->read(large.data(), 1, count); }), posix("Want read timed out.", 110));
     EXPECT_EQ(thrownBy([&] { stream->write(large.data(), static_cast<unsigned int>(large.size())); }),
-        test::posix("Want write timed out.", 110));
+        posix("Want write timed out.", 110));
     // What others left in the thread's error queue is reported, and is not taken for the stream's own.
     ERR_raise(ERR_LIB_SSL, SSL_R_BAD_LENGTH);
-    EXPECT_EQ(thrownBy([&] { stream->read(large.data(), 1, count); }), test::posix("Want read timed out.", 110));
+    EXPECT_EQ(thrownBy([&] { stream->read(large.data(), 1, count); }), posix("Want read timed out.", 110));
     EXPECT_EQ(m_log.lines().back(),
         "1 Error Queue before sslRead: 0: Error: 0xa00010f | Library: 'SSL routines' | Func: "
         "'OPENSSL_internal' | Reason: 'bad length'");
-    done.set_value();
+    isDone = true;
+    isDone.notify_all();
 }
 
 TEST_F(TlsTest, IsMadeForAStore)
@@ -293,7 +256,7 @@ TEST_F(TlsTest, IsMadeForAStore)
         CertificateStoreType getStoreType() const override { return type; }
         CertificateStoreType type = CertificateStoreType(3);
     };
-    Descriptor descriptor(m_dir.file("cert", m_client.pem()), m_dir.file("key", m_client.keyPem()), "", "");
+    Descriptor descriptor(m_dir / "cert", m_dir / "key", "", "");
     const TcpServer server(tls([](SSL* ssl) { (void)SSL_write(ssl, "x", 1); }));
     const SSLStreamFactory factory(m_log.logger());
     m_connector = std::make_shared<NamedConnector>(kHost, server.port());
@@ -315,7 +278,7 @@ TEST_F(TlsTest, OrAPlainSocketIsBehindTheWrapper)
     for (const bool isTls : {true, false}) {
         const TcpServer server(isTls ? tls(answer) : plainAnswer);
         const auto stream = streamTo(server);
-        vnt::IoWrapper io(m_log.logger(), isTls ? stream : nullptr, m_connector, 5s, true);
+        agent::vnt::IoWrapper io(m_log.logger(), isTls ? stream : nullptr, m_connector, 5s, true);
         io.init();
         char text[5] = {};
         unsigned int count = 0;
@@ -330,9 +293,8 @@ TEST_F(TlsTest, OrAPlainSocketIsBehindTheWrapper)
         EXPECT_THAT(end.message, HasSubstr(isTls ? "SSL error on SSL_read: " : "connection closed")) << "its text";
         EXPECT_EQ(count, 4U) << "as it was";
     }
-    vnt::IoWrapper nothing(m_log.logger(), nullptr, std::make_shared<TCPConnector>("h", 1, 1s), 1s, false);
+    agent::vnt::IoWrapper nothing(m_log.logger(), nullptr, std::make_shared<TCPConnector>("h", 1, 1s), 1s, false);
     EXPECT_EQ(nothing.write("x", 1).code, 107) << "descriptor 0 is no socket";
 }
 
 } // namespace
-} // namespace agent

@@ -3,12 +3,7 @@
 
 #include <semaphore>
 
-namespace agent {
 namespace {
-
-using namespace std::chrono_literals;
-using test::thrownBy;
-using testing::ElementsAre;
 
 /// Counts its runs; can be made to wait in them, or to throw.
 struct Work : IService {
@@ -48,7 +43,7 @@ struct AsyncServiceTest : testing::Test {
         }
     }
 
-    test::CapturingLogger m_log;
+    CapturingLogger m_log;
     std::shared_ptr<Work> m_work = std::make_shared<Work>();
 };
 
@@ -61,7 +56,7 @@ TEST_F(AsyncServiceTest, NeedsANameAndATarget)
     EXPECT_EQ(made(AsyncService::Options().serviceName("n")), "invalid argument: Must provide target service.");
     auto hourly = AsyncService::Options().interval([] { return 1h; });
     EXPECT_EQ(hourly.runOnDemand(false).getInterval(), 1h);
-    EXPECT_EQ(hourly.runOnDemand(true).getInterval(), std::chrono::nanoseconds::max());
+    EXPECT_EQ(hourly.runOnDemand(true).getInterval(), nanoseconds::max());
 }
 
 TEST_F(AsyncServiceTest, RunsWhenAsked)
@@ -138,4 +133,3 @@ TEST_F(AsyncServiceTest, TellsWhatEndedItsThread)
 }
 
 } // namespace
-} // namespace agent

@@ -4,13 +4,6 @@
 
 #include <dlfcn.h>
 #include <poll.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <csignal>
-
-using namespace std::chrono_literals;
-using std::chrono::nanoseconds;
 
 namespace {
 using Turns = std::vector<std::pair<nanoseconds, int>>; // of a wait: how long each takes, and its answer, -1 for EINTR
@@ -21,7 +14,6 @@ struct {
 } g_poll;
 } // namespace
 
-// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
 extern "C" AGENTKIT_API int ppoll(pollfd* fds, nfds_t count, const timespec* timeout, const sigset_t* mask)
 {
     if (g_poll.clock == nullptr)
@@ -33,14 +25,13 @@ extern "C" AGENTKIT_API int ppoll(pollfd* fds, nfds_t count, const timespec* tim
     return answer;
 }
 
-namespace agent::core::script {
+using namespace agent::core::script;
+
 namespace {
 
 using std::chrono::microseconds;
-using test::posix;
-using test::thrownBy;
 
-test::CapturingLogger g_log;
+CapturingLogger g_log;
 
 UnixCommandStream start(const std::string& command, bool killOnDestruction = true, bool readOutput = true)
 {
@@ -59,7 +50,7 @@ std::string run(const std::string& command, const std::string& directory = "", b
 
 TEST(CommandStream, TellsStatusAndOutput)
 {
-    const auto descriptors = test::openDescriptors();
+    const auto descriptors = openDescriptors();
     const auto sigpipe = std::signal(SIGPIPE, SIG_IGN);
     for (const auto& [command, expected] : std::vector<std::pair<std::string, std::string>>{
              {"echo a; echo b >&2; echo c", "0 a\nb\nc\n"}, {"exit 255", "255 "}, {"kill -9 $$", "9 "},
@@ -74,11 +65,11 @@ TEST(CommandStream, TellsStatusAndOutput)
     EXPECT_EQ(run("pwd", "/proc"), "0 /proc\n");
     EXPECT_EQ(run("pwd", "/no/such"), "1 chdir: No such file or directory\n");
     EXPECT_EQ(run("cut -d' ' -f6 /proc/$$/stat", "", true), "0 " + std::to_string(::getsid(0)) + '\n');
-    EXPECT_TRUE(test::inChild([] { // the pipe gets the numbers of the standard streams
+    EXPECT_TRUE(inChild([] { // the pipe gets the numbers of the standard streams
         for (const int fd : {0, 1, 2}) ::close(fd);
         return run("echo a; echo b >&2") == "0 a\nb\n";
     }));
-    EXPECT_EQ(test::openDescriptors(), descriptors);
+    EXPECT_EQ(openDescriptors(), descriptors);
 }
 
 TEST(CommandStream, GoesFromRunningToFinished)
@@ -101,7 +92,7 @@ TEST(CommandStream, GoesFromRunningToFinished)
     EXPECT_EQ(unread.finish(), SIGKILL);
 
     (void)start("exec sleep 1000"); // longer than a test may take
-    const test::TempDir dir;
+    const TempDir dir;
     (void)start("sleep 0.1; touch " + dir / "done", false);
     EXPECT_TRUE(std::filesystem::exists(dir / "done")) << "awaited, not killed";
     EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "no child is left behind";
@@ -137,7 +128,7 @@ TEST(CommandStream, CountsTheTimeThatIsLeft)
             {0us, {{1s, 1}}, {0s}, true, 0us},                                 // looks once and stays
             {microseconds::min(), {}, {}, false, 0us},
         }) {
-        test::FakeClock clock;
+        FakeClock clock;
         g_poll = {&clock, turns, {}};
         microseconds time = timeout;
         EXPECT_TRUE(stream.wait(time) == isReady && time == left && g_poll.asked == asked) << time.count();
@@ -162,4 +153,3 @@ TEST(CommandStream, ReportsFailedCalls)
 }
 
 } // namespace
-} // namespace agent::core::script

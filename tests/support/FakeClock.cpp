@@ -31,7 +31,6 @@ FakeClock::~FakeClock()
 }
 
 // Exported, so that the library and the C++ library find these before the system's own.
-// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 
 extern "C" AGENTKIT_API int clock_gettime(clockid_t id, timespec* time) noexcept
 {
@@ -52,7 +51,5 @@ extern "C" AGENTKIT_API int nanosleep(const timespec* wanted, timespec* left)
     errno = EINTR;
     return -1;
 }
-
-// NOLINTEND(readability-inconsistent-declaration-parameter-name)
 
 } // namespace agent::test

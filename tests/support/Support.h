@@ -5,19 +5,34 @@
 #include "agent/PosixError.h"
 #include "agent/info/Logger.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <chrono>
+#include <climits>
+#include <csignal>
+#include <cstdint>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <optional>
+#include <set>
+#include <sstream>
 #include <stdexcept>
 #include <string>
+#include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -44,6 +59,14 @@ public:
             if (lines.back().ends_with('\n')) lines.back().pop_back();
         }
         return lines;
+    }
+
+    /// lines() since the last time.
+    std::vector<std::string> takeLines()
+    {
+        auto taken = lines();
+        m_entries.clear();
+        return taken;
     }
 
 private:
@@ -80,6 +103,13 @@ inline std::string contentOf(const std::string& path)
 {
     std::ifstream stream(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+/// The permission bits of a file, or of what a link names; 0 if there is none.
+inline mode_t modeOf(const std::string& path)
+{
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
 }
 
 /// Descriptors open in this process, to prove that none was leaked.
@@ -136,3 +166,12 @@ inline std::string posix(const std::string& text, int code)
 }
 
 } // namespace agent::test
+
+// What every test says by its bare name.
+using namespace agent;
+using namespace agent::test;
+using namespace std::chrono_literals;
+using namespace std::string_literals;
+using std::chrono::nanoseconds;
+using testing::AllOf, testing::Contains, testing::ElementsAre, testing::HasSubstr, testing::IsSupersetOf,
+    testing::MatchesRegex, testing::StartsWith, testing::UnorderedElementsAre;

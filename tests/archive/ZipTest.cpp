@@ -47,8 +47,7 @@ std::string archiveOf(const std::vector<Entry>& entries)
 }
 
 /// An archive, a place to extract it to, and a directory around both that must see nothing else.
-class ZipTest : public FileFixture {
-protected:
+struct ZipTest : FileFixture {
     void run(const std::string& command) const
     {
         const std::string inside = "cd '" + dir.path() + "' && " + command;

@@ -9,17 +9,6 @@ namespace {
 
 using Ranges = std::vector<BlockRange>;
 
-// Runs before main, like a component that searches from a static constructor.
-const Ranges g_foundBeforeMain = [] {
-    const unsigned char map[] = {0x6E, 0xFF};
-    return BitRangeFinder(true, false).findRanges(map, 16);
-}();
-
-TEST(BitRangeFinder, IsReadyBeforeMain)
-{
-    EXPECT_EQ(g_foundBeforeMain, (Ranges{{1, 3}, {5, 2}, {8, 8}}));
-}
-
 // What is found in maps of all sizes and kinds is compared with a walk bit by bit in fuzz/BitmapFuzz.cpp, which
 // runs with the tests.
 

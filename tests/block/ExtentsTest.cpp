@@ -56,8 +56,7 @@ namespace {
 
 using Ranges = std::vector<BlockRange>;
 
-class Extents : public FileFixture {
-protected:
+struct Extents : FileFixture {
     ~Extents() override { g_script.reset(); }
 
     static fiemap_extent extent(unsigned long physical, unsigned long length, unsigned int flags = 0)

@@ -7,8 +7,7 @@
 
 namespace {
 
-class StoreTest : public testing::Test {
-protected:
+struct StoreTest : testing::Test {
     CapturingLogger m_log;
     TempDir m_dir;
     const std::string m_thumbFile = m_dir / "thumb";
@@ -22,6 +21,8 @@ TEST_F(StoreTest, KeepsTheCertificateItsKeyAndTheChain)
     EXPECT_TRUE(store->supportsExporting() && store->supportsAddTrustChain());
     EXPECT_FALSE(store->certificateExists() || store->trustChainExists());
     EXPECT_EQ(store->addCertificate(m_identity.pem(), m_identity.keyPem())->getDeviceId(), 42);
+    EXPECT_EQ(modeOf(m_dir / "key"), 0600U) << "a new one";
+    ::chmod((m_dir / "key").c_str(), 0666);
 
     std::string certificate;
     std::string key;
@@ -39,20 +40,11 @@ TEST_F(StoreTest, KeepsTheCertificateItsKeyAndTheChain)
 
     EXPECT_THROW(store->addCertificate("no certificate", "k"), GnuTlsError);
     EXPECT_EQ(contentOf(m_dir / "cert") + contentOf(m_dir / "key"), "no certificatek") << "written before";
+    EXPECT_EQ(modeOf(m_dir / "key"), 0600U) << "one that was there";
     std::filesystem::remove(m_dir / "key");
     EXPECT_FALSE(store->certificateExists()) << "half of it";
     EXPECT_EQ(thrownBy([&] { store->exportCertificatePrivateKeyPair(certificate, key); }),
         posix("stat64(\"" + (m_dir / "key") + "\") failed", ENOENT));
-}
-
-TEST_F(StoreTest, KeepsPrivateKeysFromOthers)
-{
-    FileCertificateStore store(m_log.logger(), m_files);
-    store.addCertificate(m_identity.pem(), m_identity.keyPem());
-    EXPECT_EQ(modeOf(m_dir / "key"), 0600U) << "new";
-    ::chmod((m_dir / "key").c_str(), 0666);
-    store.addCertificate(m_identity.pem(), m_identity.keyPem());
-    EXPECT_EQ(modeOf(m_dir / "key"), 0600U) << "existing";
 }
 
 TEST_F(StoreTest, ComesInTwoTypes)
@@ -78,8 +70,7 @@ TEST_F(StoreTest, ThumbprintsAreTheSha1OfTheCertificate)
 {
     unsigned char digest[20];
     X509_digest(m_identity.x509(), EVP_sha1(), digest, nullptr);
-    std::string expected;
-    for (const unsigned int byte : digest) (expected += "0123456789abcdef"[byte / 16]) += "0123456789abcdef"[byte % 16];
+    const std::string expected = StringUtils::byte_array_to_hex(digest, 20);
     SSLCertificateThumbprint thumbprint(m_log.logger());
     thumbprint.setCertificateContents(m_identity.pem());
     EXPECT_EQ(thumbprint.str(), expected);

@@ -30,8 +30,7 @@ TEST(DistinguishedName, IsTakenApart)
     }
 }
 
-class CertificateTest : public testing::Test {
-protected:
+struct CertificateTest : testing::Test {
     // What a store would import.
     Certificate certificate(const std::string& pem) { return {m_log.logger(), m_dir.file("c.pem", pem)}; }
     std::string importError(const std::string& path)

@@ -68,8 +68,7 @@ namespace {
 
 using nlohmann::json;
 
-class StoreTest : public FileFixture {
-protected:
+struct StoreTest : FileFixture {
     ~StoreTest() override { g_torture = {}; }
 
     json stored() const { return json::parse(contentOf(m_path)); }

@@ -2,8 +2,6 @@
 #include "agent/CURLError.h"
 #include "agent/GnuTlsError.h"
 
-namespace {
-
 using exception::generic_library_error;
 
 TEST(LibraryError, EveryLibraryComposesItsTextAlike)
@@ -31,5 +29,3 @@ TEST(LibraryError, EveryLibraryComposesItsTextAlike)
     EXPECT_EQ(thrownBy([] { checkCurl(CURLE_SEND_ERROR, ""); }), "runtime: Curl error" + tail);
     EXPECT_EQ(thrownBy([] { checkCurl(CURLE_SEND_ERROR, "upload"); }), "runtime: Curl error: upload" + tail);
 }
-
-} // namespace

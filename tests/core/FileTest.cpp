@@ -9,7 +9,7 @@ constexpr FileOpenMode kReadWrite = FileOpenMode::Read | FileOpenMode::Write;
 
 using FileTest = FileFixture;
 
-class FileModes : public FileTest, public testing::WithParamInterface<unsigned int> {};
+struct FileModes : FileTest, testing::WithParamInterface<unsigned int> {};
 
 TEST_P(FileModes, TheStreamDoesWhatTheDescriptorCan)
 {

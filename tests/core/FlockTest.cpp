@@ -3,8 +3,7 @@
 
 namespace {
 
-class FlockTest : public FileFixture {
-protected:
+struct FlockTest : FileFixture {
     bool isThere() const { return std::filesystem::exists(m_path); }
     std::string takenBy(const std::string& path) const
     {

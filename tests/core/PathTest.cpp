@@ -3,8 +3,6 @@
 
 #include <unordered_set>
 
-namespace {
-
 TEST(Path, ComposesWithOneSlashBetween)
 {
     const std::pair<Path, std::string> cases[] = {{"a/", "a"}, {"/", "/"}, {"a//", "a/"}, {"//", "/"},
@@ -24,5 +22,3 @@ TEST(Path, SplitsAtTheLastSlash)
     EXPECT_EQ(parts("/"), "/ | ");
     EXPECT_EQ((std::unordered_set<Path>{"a/b", Path("a") / "b", "a/b/", "c"}).size(), 2U);
 }
-
-} // namespace

@@ -1,8 +1,6 @@
 #include "agent/vnt/common/Ret.h"
 #include "Support.h"
 
-namespace {
-
 using vnt::common::Ret;
 using vnt::common::RetNoLog;
 
@@ -49,5 +47,3 @@ TEST(Ret, ThrowOnErrorPrefersTheDetail)
     EXPECT_EQ(thrownBy([&] { Ret::throw_on_error(std::move(error)); }), "posix: d" + tail);
     EXPECT_EQ(thrownBy([&] { Ret::throw_on_error(RetNoLog(0, "a success with a message")); }), "nothing");
 }
-
-} // namespace

@@ -4,8 +4,6 @@
 #include "agent/dir/Operations.h"
 #include "agent/filesystem/FileStreamFactory.h"
 
-namespace {
-
 TEST(MemoryOutputStreamBuffer, GrowsByDoublingAndByAHundredAtLeastIfItMay)
 {
     std::vector<char> bytes(3);
@@ -83,5 +81,3 @@ TEST_F(StreamsTest, TheFinderFindsWhatIsNoDirectory)
     EXPECT_EQ(finder.getFilePaths(m_dir / "logs", isLog), (std::vector<Path>{first, second}));
     EXPECT_EQ(finder.getFilePaths("", isLog), (std::vector<Path>{outside, first, second}));
 }
-
-} // namespace

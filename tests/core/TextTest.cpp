@@ -7,8 +7,6 @@
 #include "agent/UUIDGenerator.h"
 #include "agent/Version.h"
 
-namespace {
-
 using Texts = std::vector<std::string>;
 using SU = StringUtils;
 
@@ -60,12 +58,7 @@ TEST(StringUtils, WritesHexadecimalPrintableAndWideCharacters)
 
 TEST(Format, CountsInTheLargestUnitWithTheFractionOfTheLastDivision)
 {
-    struct Case {
-        unsigned long value;
-        int precision;
-        const char* bytes;
-        const char* bits;
-    };
+    using Case = std::tuple<unsigned long, int, const char*, const char*>; // value, precision, in bytes, in bits
     const Case cases[] = {{0, 2, "0 B", "0 b"}, {1000, 0, "1000 B", "1 Kb"}, {1536, 6, "1.5 KB", "1.536 Kb"},
         {1048576, 2, "1 MB", "1.05 Mb"}, {1600000, -1, "1.525391 MB", "1.6 Mb"}, {999999, 0, "977 KB", "1000 Kb"},
         {1600000, INT_MAX, "1.525390625 MB", "1.600000000000000088817841970012523233890533447265625 Mb"},
@@ -130,5 +123,3 @@ TEST(Process, MakesUuidsAndKnowsItsEnvironmentAndThreads)
     EXPECT_EQ(getThreadID(), ::getpid()); // the main thread's, after a fork too
     EXPECT_TRUE(inChild([] { return getThreadID() == ::getpid(); }));
 }
-
-} // namespace

@@ -9,13 +9,12 @@ namespace {
 using nlohmann::json;
 
 // One request, as it comes: all of its headers, and as much of a body as they tell of.
-std::string readRequest(const std::function<int(char*, int)>& read)
+std::string readRequest(int fd)
 {
     std::string request;
-    std::size_t wanted = std::string::npos;
     char buffer[1000];
-    while (request.size() < wanted) {
-        const int count = read(buffer, sizeof buffer);
+    for (std::size_t wanted = std::string::npos; request.size() < wanted;) {
+        const ssize_t count = ::read(fd, buffer, sizeof buffer);
         if (count <= 0) break;
         request.append(buffer, static_cast<std::size_t>(count));
         const auto end = request.find("\r\n\r\n");
@@ -34,16 +33,15 @@ struct HttpTest : testing::Test {
     std::function<void(int)> plain(const std::string& answer)
     {
         return [this, answer](int fd) {
-            m_request = readRequest([=](char* data, int size) {
-                return static_cast<int>(::read(fd, data, static_cast<std::size_t>(size)));
-            });
+            m_request = readRequest(fd);
             (void)::send(fd, answer.data(), answer.size(), MSG_NOSIGNAL);
         };
     }
     std::function<void(int)> overTls(const TlsServerOptions& options)
     {
         return test::tls(options, [this](SSL* ssl) {
-            m_request = readRequest([=](char* data, int size) { return SSL_read(ssl, data, size); });
+            char request[1000]; // longer than any here
+            (void)SSL_read(ssl, request, sizeof request);
             (void)SSL_write(ssl, kAnswer.data(), static_cast<int>(kAnswer.size()));
             (void)SSL_shutdown(ssl);
         });
@@ -139,21 +137,16 @@ TEST_F(HttpTest, FailsWithLibcurlsCode)
         EXPECT_EQ(get(http(true, false), url(server)), 404) << "the caller's to judge";
         EXPECT_EQ(m_response, "gone");
     }
-    struct Case {
-        const char* why;
-        std::string answer;
-        int code;
-        std::string response;
-    };
-    for (const Case& c : {
+    using Case = std::tuple<const char*, std::string, CURLcode, std::string>;
+    for (const auto& [why, answer, code, response] : {
              Case{"a status", missing, CURLE_HTTP_RETURNED_ERROR, ""},
              Case{"cut off", "HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nhalf", CURLE_PARTIAL_FILE, "half"},
              Case{"no answer", "", CURLE_GOT_NOTHING, ""},
              Case{"garbage", std::string(100, '\0'), CURLE_UNSUPPORTED_PROTOCOL, ""},
          }) {
-        const TcpServer server(plain(c.answer));
-        EXPECT_EQ(curlCodeOf([&] { get(http(), url(server)); }), c.code) << c.why;
-        EXPECT_EQ(m_response, c.response) << c.why;
+        const TcpServer server(plain(answer));
+        EXPECT_EQ(curlCodeOf([&] { get(http(), url(server)); }), code) << why;
+        EXPECT_EQ(m_response, response) << why;
     }
     const TcpServer silent([](int fd) {
         char byte = 0;
@@ -208,11 +201,7 @@ TEST_F(HttpTest, TracesTextsButNoSecrets)
     for (const char* const secret : {"secret", "dXNlcjpzZWNyZXQ=", "answer", "request", "sweet"})
         for (const std::string& line : m_log.lines()) EXPECT_THAT(line, testing::Not(HasSubstr(secret)));
 
-    struct Case {
-        int type;
-        std::string text;
-        std::string line; // empty: none
-    };
+    using Case = std::tuple<int, std::string, std::string>; // an empty line: none
     const std::string full(512, 'x');
     for (const auto& [type, text, line] :
         {

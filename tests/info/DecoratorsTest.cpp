@@ -13,14 +13,7 @@ using Time = IDecorator::Time;
 
 constexpr Time kWhen = std::chrono::sys_days(std::chrono::May / 1 / 2024) + 10h + 34min + 56s + 789ms;
 
-class Decorators : public testing::Test {
-protected:
-    ~Decorators() override
-    {
-        ::unsetenv("TZ");
-        ::tzset();
-    }
-
+struct Decorators : testing::Test {
     static void setZone(const char* zone)
     {
         ::setenv("TZ", zone, 1);

@@ -3,8 +3,6 @@
 
 using namespace agent::info;
 
-namespace {
-
 using Texts = std::vector<std::string>;
 using Entry = Logger::Entry;
 
@@ -71,5 +69,3 @@ TEST(LoggerThreads, CopiesShareOneLockAndStampsNeverDecrease)
     EXPECT_TRUE(std::is_sorted(
         log.entries().begin(), log.entries().end(), [](const auto& a, const auto& b) { return a.when < b.when; }));
 }
-
-} // namespace

@@ -12,8 +12,7 @@ using Time = std::chrono::system_clock::time_point;
 
 constexpr Time kWhen{std::chrono::seconds(1'000'000)};
 
-class Printers : public testing::Test {
-protected:
+struct Printers : testing::Test {
     // Remembers who printed what.
     Logger::Printer recorder(const std::string& name)
     {

@@ -46,8 +46,7 @@ std::string answer(const std::function<std::string()>& ask)
     return thrown == "nothing" ? text : thrown;
 }
 
-class SystemInfo : public testing::Test {
-protected:
+struct SystemInfo : testing::Test {
     ~SystemInfo() override { g_files.clear(); }
     void put(const std::string& path, const std::string& content)
     {

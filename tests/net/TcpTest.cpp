@@ -20,8 +20,7 @@ std::string told(const Ret& ret)
 }
 
 /// A listener with room for one connection, and a connected pair of sockets.
-class TcpTest : public testing::Test {
-protected:
+struct TcpTest : testing::Test {
     TcpTest()
     {
         Ret::set_logger([](auto, auto, const auto&) {});

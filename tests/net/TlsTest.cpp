@@ -23,8 +23,7 @@ struct NamedConnector : TCPConnector {
     std::string m_name;
 };
 
-class TlsTest : public testing::Test {
-protected:
+struct TlsTest : testing::Test {
     TlsTest()
     {
         Ret::set_logger([](auto, auto, const auto&) {});

@@ -2,6 +2,8 @@
 
 // Certificates, keys and a TLS server for tests, made on the spot so that none expires in the repository.
 
+#include "agent/StringUtils.h"
+
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <openssl/x509v3.h>
@@ -49,7 +51,9 @@ public:
         X509_set_pubkey(x509, m_key.get());
         if (issuer == nullptr) extend("basicConstraints", "critical,CA:TRUE");
         if (!spec.names.empty()) extend("subjectAltName", spec.names);
-        for (const auto& [oid, value] : spec.extensions) extend(oid, der(value));
+        for (const auto& [oid, value] : spec.extensions)
+            extend(oid, "DER:" + StringUtils::byte_array_to_hex(
+                                     reinterpret_cast<const unsigned char*>(value.data()), value.size()));
         X509_sign(x509, issuer != nullptr ? issuer->m_key.get() : m_key.get(), EVP_sha256());
     }
 
@@ -75,16 +79,6 @@ private:
         char* data = nullptr;
         const long size = BIO_get_mem_data(bio.get(), &data);
         return {data, static_cast<std::size_t>(size)};
-    }
-    static std::string der(const std::string& value)
-    {
-        std::string text = "DER:";
-        for (const char c : value) {
-            const auto byte = static_cast<unsigned char>(c);
-            text += "0123456789ABCDEF"[byte / 16];
-            text += "0123456789ABCDEF"[byte % 16];
-        }
-        return text;
     }
     void extend(const char* name, const std::string& value) const
     {

@@ -7,9 +7,7 @@
 
 namespace {
 
-struct StoreTest : testing::Test {
-    CapturingLogger m_log;
-    TempDir m_dir;
+struct StoreTest : FileFixture {
     const std::string m_thumbFile = m_dir / "thumb";
     const FileCertificateStoreDescriptor m_files{m_dir / "cert", m_dir / "key", m_dir / "chain", m_thumbFile};
     const Identity m_identity{CertificateSpec{.subject = {{"CN", "42"}}}};

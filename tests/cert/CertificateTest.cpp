@@ -30,7 +30,7 @@ TEST(DistinguishedName, IsTakenApart)
     }
 }
 
-struct CertificateTest : testing::Test {
+struct CertificateTest : FileFixture {
     // What a store would import.
     Certificate certificate(const std::string& pem) { return {m_log.logger(), m_dir.file("c.pem", pem)}; }
     std::string importError(const std::string& path)
@@ -38,8 +38,6 @@ struct CertificateTest : testing::Test {
         return thrownBy([&] { const Certificate c(m_log.logger(), Path(path)); });
     }
 
-    TempDir m_dir;
-    CapturingLogger m_log;
     const Identity m_authority{CertificateSpec{.subject = {{"CN", "Authority"}}}};
 };
 

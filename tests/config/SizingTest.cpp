@@ -11,8 +11,7 @@ constexpr unsigned long kMiB = 1UL << 20;
 constexpr unsigned long kGiB = 1UL << 30;
 constexpr unsigned long kLargest = ~0UL;
 
-struct SizingTest : testing::Test {
-    CapturingLogger log;
+struct SizingTest : FileFixture {
     FakeConfig config;
     CowFileSize size{config};
 };
@@ -28,7 +27,7 @@ TEST_F(SizingTest, DefaultsAndClampsInMiB)
         EXPECT_EQ(getDefaultCowFileSize(volume, true), 10U);
         EXPECT_EQ(getClampedCowFileSize(100, volume), clampOf100) << volume;
         EXPECT_EQ(getClampedCowFileSize(9, volume), 10U);
-        EXPECT_EQ(LegacyCowFileSize().getCowFileSize(log.logger(), "v", volume, "ext4", false), legacy) << volume;
+        EXPECT_EQ(LegacyCowFileSize().getCowFileSize(m_log.logger(), "v", volume, "ext4", false), legacy) << volume;
     }
 }
 
@@ -49,8 +48,8 @@ TEST_F(SizingTest, TakesTheConfiguredSizeAndClampsIt)
         EXPECT_EQ(ours.lines(), lines) << why;
     }
     config.failing = "volumes.a.b.cowFileSizeMiB";
-    EXPECT_EQ(size.getCowFileSize(log.logger(), "a.b", kGiB, "ext4", false), 103U) << "whatever is thrown";
-    EXPECT_TRUE(log.lines().empty());
+    EXPECT_EQ(size.getCowFileSize(m_log.logger(), "a.b", kGiB, "ext4", false), 103U) << "whatever is thrown";
+    EXPECT_TRUE(m_log.lines().empty());
     EXPECT_EQ(thrownBy([&] { (void)size.getCustomCowFileSize("c"); }),
         "invalid argument: A custom cow file size for volume c does not exist!");
 }
@@ -81,7 +80,7 @@ TEST_F(SizingTest, FilesGrowByAStepUpToAReserve)
     }
     config.failing = stepKey;
     const CowFileAutoExpandParamsProvider provider(config, size);
-    EXPECT_EQ(provider.getAutoExpandParams(log.logger(), "v", 1030 * kMiB, "ext4", false)->getStepSize(), 52U);
+    EXPECT_EQ(provider.getAutoExpandParams(m_log.logger(), "v", 1030 * kMiB, "ext4", false)->getStepSize(), 52U);
 }
 
 TEST_F(SizingTest, FilesCanKeepTheirSize)
@@ -90,12 +89,12 @@ TEST_F(SizingTest, FilesCanKeepTheirSize)
     config.values = {{"volumes.off.autoExpand.disable", 1}, {"volumes.off.cowFileSizeMiB", 7}};
     const std::string end = "() called on CowFileAutoExpandParamsDisabled";
     for (const auto& [volume, fileSystem] : {std::pair("off", "ext4"), {"on", "vfat"}}) {
-        const auto params = provider.getAutoExpandParams(log.logger(), volume, kGiB, fileSystem, true);
+        const auto params = provider.getAutoExpandParams(m_log.logger(), volume, kGiB, fileSystem, true);
         EXPECT_FALSE(params->hasStepSize() || params->hasReservedSpace());
         EXPECT_EQ(thrownBy([&] { (void)params->getStepSize(); }), "logic: getStepSize" + end);
         EXPECT_EQ(thrownBy([&] { (void)params->getReservedSpace(); }), "logic: getReservedSpace" + end);
     }
-    EXPECT_TRUE(log.lines().empty()) << "their initial size is not asked for";
+    EXPECT_TRUE(m_log.lines().empty()) << "their initial size is not asked for";
     const auto refusal = [](const std::function<void()>& action) { return thrownBy(action).substr(18); };
     EXPECT_EQ(refusal([&] { (void)provider.getCustomAutoExpandStepSize("on"); }), "stepSize is not set");
     EXPECT_EQ(refusal([&] { (void)provider.getCustomAutoExpandReservedSpace("on"); }), "reservedSpace is not set");

@@ -27,20 +27,14 @@ TEST(MemoryOutputStreamBuffer, GrowsByDoublingAndByAHundredAtLeastIfItMay)
 
 TEST(MemoryOutputStreamBuffer, SeeksWithinTheVectorOnly)
 {
-    using Seek = std::tuple<const char*, std::streamoff, std::ios::seekdir, std::streamoff>;
     std::vector<char> bytes(10);
     MemoryOutputStreamBuffer buffer(bytes, true);
-    for (const auto& [why, offset, from, expected] : {
-             Seek{"the end is the vector's size", 0, std::ios::end, 10},
-             Seek{"beyond it", 1, std::ios::end, -1},
-             Seek{"the position stayed", 0, std::ios::cur, 10},
-             Seek{"back", -4, std::ios::cur, 6},
-             Seek{"before the start", -7, std::ios::cur, -1},
-             Seek{"no sum overflows", std::numeric_limits<std::streamoff>::max(), std::ios::cur, -1},
-             Seek{"nor here", std::numeric_limits<std::streamoff>::min(), std::ios::end, -1},
-             Seek{"from the start", 2, std::ios::beg, 2},
-         })
-        EXPECT_EQ(buffer.pubseekoff(offset, from), expected) << why;
+    using std::ios;
+    constexpr std::streamoff kMost = std::numeric_limits<std::streamoff>::max();
+    for (const auto& [offset, from, expected] :
+        {std::tuple(0L, ios::end, 10), {1, ios::end, -1}, {0, ios::cur, 10}, {-4, ios::cur, 6}, {-7, ios::cur, -1},
+            {kMost, ios::cur, -1}, {-kMost - 1, ios::end, -1}, {2, ios::beg, 2}})
+        EXPECT_EQ(buffer.pubseekoff(offset, from), expected) << offset << ' ' << from;
     buffer.sputc('x');
     EXPECT_EQ(bytes[2], 'x');
     EXPECT_EQ(buffer.pubseekpos(5, std::ios::in), -1) << "nothing can be read";

@@ -25,7 +25,7 @@ std::string readRequest(int fd)
     return request;
 }
 
-struct HttpTest : testing::Test {
+struct HttpTest : FileFixture {
     static void SetUpTestSuite() { EXPECT_EQ(CurlHelper::Setup(), CURLE_OK); }
     static void TearDownTestSuite() { CurlHelper::Cleanup(); }
 
@@ -74,8 +74,6 @@ struct HttpTest : testing::Test {
     }
 
     const std::string kAnswer = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
-    CapturingLogger m_log;
-    TempDir m_dir;
     FakeConfig m_config;
     std::string m_request;
     std::string m_response;
@@ -86,19 +84,15 @@ TEST_F(HttpTest, SendsExactlyWhatIsDocumented)
     const std::string basic = "Authorization: Basic dXNlcjpzZWNyZXQ=\r\n";
     const auto none = [](Path&, Path&) {};
     const std::string binary("\0\xff{", 3);
-    struct Case {
-        std::string method;
-        std::string authorization;
-        std::string body;
-        std::function<long(const std::string& url)> send;
-    };
+    // method, authorization, body, request
+    using Case = std::tuple<const char*, std::string, std::string, std::function<long(const std::string& url)>>;
     const std::vector<std::string> extra = {"X-First: 1", "X-Second: 2"};
     info::Logger& log = m_log.logger();
     const json body = {{"key", "value"}};
     const std::string text = body.dump();
     const CurlHelper h = http();
     std::string& out = m_response;
-    for (const Case& c : std::vector<Case>{
+    for (const auto& [method, authorization, content, send] : std::vector<Case>{
              {"GET", "", "", [&](auto& u) { return h.getRequest(u, out, log, {}, 5s); }},
              {"POST", "", text, [&](auto& u) { return h.postRequest(u, body, out, log, 0s); }},
              {"PUT", "", text, [&](auto& u) { return h.putRequest(u, body, out, log, -1s); }},
@@ -112,19 +106,19 @@ TEST_F(HttpTest, SendsExactlyWhatIsDocumented)
          }) {
         out = "from before";
         const TcpServer server(plain(kAnswer));
-        EXPECT_EQ(c.send(url(server)), 200);
+        EXPECT_EQ(send(url(server)), 200);
         EXPECT_EQ(out, "ok");
-        const std::string length = c.body.empty() ? "" : "Content-Length: " + std::to_string(c.body.size()) + "\r\n";
+        const std::string length = content.empty() ? "" : "Content-Length: " + std::to_string(content.size()) + "\r\n";
         const auto date = m_request.find("Date: ");
         ASSERT_NE(date, std::string::npos);
         EXPECT_EQ(m_request.substr(0, date),
-            c.method + " /p?q=1 HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(server.port()) + "\r\n" +
-                c.authorization + "Content-Type: application/json\r\nAccept: application/json\r\ncharsets: utf-8\r\n");
+            method + std::string(" /p?q=1 HTTP/1.1\r\nHost: 127.0.0.1:") + std::to_string(server.port()) + "\r\n" +
+                authorization + "Content-Type: application/json\r\nAccept: application/json\r\ncharsets: utf-8\r\n");
         EXPECT_THAT(m_request.substr(date, 37),
             MatchesRegex("Date: [MTWFS][a-z]{2}, [0-9]{2} [JFMASOND][a-z]{2} [0-9]{4} [0-9:]{8} \\+0000"));
         EXPECT_EQ(m_request.substr(date + 37), std::string("\r\n") +
-                                                   (c.authorization.empty() ? "" : "X-First: 1\r\nX-Second: 2\r\n") +
-                                                   length + "\r\n" + c.body);
+                                                   (authorization.empty() ? "" : "X-First: 1\r\nX-Second: 2\r\n") +
+                                                   length + "\r\n" + content);
     }
     EXPECT_THAT(m_log.lines(), ElementsAre()) << "not traced";
 }

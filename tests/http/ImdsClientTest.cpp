@@ -33,9 +33,8 @@ struct ScriptedHttp : CurlHelper {
     mutable std::size_t calls = 0;
 };
 
-struct ImdsClientTest : testing::Test {
+struct ImdsClientTest : FileFixture {
     FakeClock m_clock;
-    CapturingLogger m_log;
     Provider m_provider;
     FakeConfig m_config;
     ScriptedHttp m_http{m_config, true, false, "", nullptr};
@@ -61,14 +60,10 @@ TEST_F(ImdsClientTest, KeepsTheAnswer)
 TEST_F(ImdsClientTest, JudgesAnswers)
 {
     const std::string retrying = "3 ImdsClient retry-aware func retrying due to response code: ";
-    struct Case {
-        const char* why;
-        std::vector<ScriptedHttp::Answer> script;
-        std::size_t calls;
-        std::vector<std::string> lines; // without those of the retry method
-        std::string data;
-    };
-    for (const Case& c : {
+    // why, answers, calls, lines without those of the retry method, what is known then
+    using Case =
+        std::tuple<const char*, std::vector<ScriptedHttp::Answer>, std::size_t, std::vector<std::string>, std::string>;
+    for (const auto& [why, script, calls, expected, data] : {
              Case{"retried until it works", {{410, ""}, {429, ""}, {500, "x"}, {200, kIds}}, 4,
                  {retrying + "410.", retrying + "429.", retrying + "500."}, json::parse(kIds).dump()},
              Case{"not retried", {{404, ""}}, 1, {"3 ImdsClient retry-aware func failed due to response code: 404."},
@@ -85,17 +80,17 @@ TEST_F(ImdsClientTest, JudgesAnswers)
              Case{"a bomb", {{200, std::string(100'000, '[')}}, 1,
                  {"4 Azure IMDS http request failed to parse: nests deeper than 512 levels"}, "null"},
          }) {
-        m_http.script = c.script;
+        m_http.script = script;
         m_http.calls = 0;
         ImdsClient client(m_http, m_log.logger(), m_provider, "", [] { return false; });
-        EXPECT_EQ(client.init(), c.data == json::parse(kIds).dump()) << c.why;
-        EXPECT_EQ(client.subscriptionId(), client.isAzure() ? "s" : "") << c.why;
-        EXPECT_EQ(m_http.calls, c.calls) << c.why;
-        EXPECT_EQ(client.imdsData().dump(), c.data) << c.why;
+        EXPECT_EQ(client.init(), data == json::parse(kIds).dump()) << why;
+        EXPECT_EQ(client.subscriptionId(), client.isAzure() ? "s" : "") << why;
+        EXPECT_EQ(m_http.calls, calls) << why;
+        EXPECT_EQ(client.imdsData().dump(), data) << why;
         auto lines = m_log.takeLines();
         std::erase_if(
             lines, [](const std::string& line) { return line.find("retry") == 2 || line.find("retry i") == 10; });
-        EXPECT_EQ(lines, c.lines) << c.why;
+        EXPECT_EQ(lines, expected) << why;
     }
 }
 

@@ -10,8 +10,7 @@ namespace {
 
 using Status = IRetryMethod::RetriableFuncStatus;
 
-struct ResilienceTest : testing::Test {
-    CapturingLogger m_log;
+struct ResilienceTest : FileFixture {
     FakeClock m_clock;
 };
 
@@ -64,17 +63,12 @@ TEST_F(ResilienceTest, RetriesAsLongAsItIsWorthIt)
     const auto regular = [](unsigned long interval, unsigned long retries) {
         return [=](info::Logger& log) { return std::make_unique<RegularIntervalRetry>(log, interval, retries, 0); };
     };
-    struct Case {
-        const char* why;
-        std::function<std::unique_ptr<IRetryMethod>(info::Logger&)> make;
-        std::vector<Status> answers; // the last one is repeated
-        std::size_t calls;
-        std::vector<nanoseconds> sleeps;
-        std::vector<std::string> lines; // the last ones
-    };
+    // why, method, its function's answers (the last one is repeated), calls, sleeps, the last lines
+    using Case = std::tuple<const char*, std::function<std::unique_ptr<IRetryMethod>(info::Logger&)>,
+        std::vector<Status>, std::size_t, std::vector<nanoseconds>, std::vector<std::string>>;
     const std::string again = "3 regular interval retry method retrying func after interval: ";
     const std::string giveUp = " ms, giving up.";
-    for (const Case& c : {
+    for (const auto& [why, make, answers, expectedCalls, sleeps, expected] : {
              Case{"to its last retry", regular(1500, 2), {Status::Retry}, 3, {1500ms, 1500ms},
                  {again + "1500, total retry time: 1500", again + "1500, total retry time: 3000",
                      "3 regular interval retry method exceeded retry count of 2"}},
@@ -102,17 +96,17 @@ TEST_F(ResilienceTest, RetriesAsLongAsItIsWorthIt)
          }) {
         m_clock.sleeps.clear();
         CapturingLogger log;
-        const auto method = c.make(log.logger());
+        const auto method = make(log.logger());
         std::size_t calls = 0;
-        EXPECT_EQ(method->callWithRetry([&] { return c.answers[std::min(calls++, c.answers.size() - 1)]; }),
-            c.answers.back() == Status::Success)
-            << c.why;
-        EXPECT_EQ(calls, c.calls) << c.why;
-        EXPECT_EQ(m_clock.sleeps, c.sleeps) << c.why;
+        EXPECT_EQ(method->callWithRetry([&, &all = answers] { return all[std::min(calls++, all.size() - 1)]; }),
+            answers.back() == Status::Success)
+            << why;
+        EXPECT_EQ(calls, expectedCalls) << why;
+        EXPECT_EQ(m_clock.sleeps, sleeps) << why;
         auto lines = log.lines();
-        ASSERT_GE(lines.size(), c.lines.size()) << c.why;
-        lines.erase(lines.begin(), lines.end() - static_cast<std::ptrdiff_t>(c.lines.size()));
-        EXPECT_EQ(lines, c.lines) << c.why;
+        ASSERT_GE(lines.size(), expected.size()) << why;
+        lines.erase(lines.begin(), lines.end() - static_cast<std::ptrdiff_t>(expected.size()));
+        EXPECT_EQ(lines, expected) << why;
     }
 }
 

@@ -47,21 +47,6 @@ TEST_F(Decorators, MakeALineAndTakeItApart)
     EXPECT_EQ(stamp(kWhen).substr(25), "2024-05-01T06:34:56.789-0400 ");
 }
 
-TEST_F(Decorators, WorkInTheDestructorsOfStaticObjects)
-{
-    /// Decorates after the main thread's own objects are gone.
-    struct Last {
-        MultiDecorator& all;
-        ~Last() { (void)std::fputs(all.decorate("over", Logger::INFO, kWhen).c_str(), stderr); }
-    };
-    const auto end = [this] {
-        static const Last last{m_all};
-        (void)m_all.decorate("begun", Logger::INFO, kWhen);
-        std::exit(0); // NOLINT(concurrency-mt-unsafe)
-    };
-    EXPECT_EXIT(end(), testing::ExitedWithCode(0), "^2024-05-01T10:34:56.789Z 2024-.*\\] \\[INFO:\\]     over");
-}
-
 TEST_F(Decorators, RoundTimesDownAndTellTheHourThatRepeats)
 {
     setZone("CET-1CEST,M3.5.0,M10.5.0/3"); // at 01:00 UTC on 27 October 2024 the clock goes back from 03:00 to 02:00

@@ -46,14 +46,13 @@ std::string answer(const std::function<std::string()>& ask)
     return thrown == "nothing" ? text : thrown;
 }
 
-struct SystemInfo : testing::Test {
+struct SystemInfo : FileFixture {
     ~SystemInfo() override { g_files.clear(); }
     void put(const std::string& path, const std::string& content)
     {
         g_files[path] = m_dir.file(std::to_string(g_files.size()), content);
     }
 
-    TempDir m_dir;
     const SystemInfoProvider m_info{};
 };
 

@@ -7,10 +7,10 @@ namespace {
 
 using std::chrono::steady_clock;
 
-struct IpcTest : testing::Test {
+struct IpcTest : FileFixture {
     auto make(EIpcRole role)
     {
-        return std::make_shared<UnixIpcSocket>(log.logger(), std::wstring(path.begin(), path.end()), role);
+        return std::make_shared<UnixIpcSocket>(m_log.logger(), std::wstring(path.begin(), path.end()), role);
     }
     auto server() { return make(EIpcRole::Server); }
     auto client() { return make(EIpcRole::Connection); }
@@ -21,9 +21,7 @@ struct IpcTest : testing::Test {
         return socket.read(buffer, sizeof buffer, count) ? std::string(buffer, count) : "nothing";
     }
 
-    TempDir dir;
-    CapturingLogger log;
-    std::string path = dir / "socket";
+    std::string path = m_dir / "socket";
 };
 
 TEST_F(IpcTest, TalksToAnotherProcessUntilThatEnds)
@@ -44,6 +42,7 @@ TEST_F(IpcTest, TalksToAnotherProcessUntilThatEnds)
     EXPECT_EQ(received(accepted), "nothing") << "the peer has let go";
     EXPECT_FALSE(accepted.connected());
     EXPECT_TRUE(accepted.connect()) << "and connected anew";
+    for (int fd = 3; fd < 64; ++fd) EXPECT_NE(::fcntl(fd, F_GETFD), 0) << "a child would get " << fd;
     EXPECT_EQ(received(accepted), "hello");
     const auto start = steady_clock::now();
     EXPECT_EQ(received(accepted), "nothing") << "the peer is silent";
@@ -75,31 +74,27 @@ TEST_F(IpcTest, TheFileIsPrivateAndGoesWithTheServer)
     EXPECT_FALSE(std::filesystem::exists(bound));
     second->disconnect(); // and once more at the end
     EXPECT_THAT(
-        log.lines(), ElementsAre("1 " + std::string(PosixError("Failed to delete ipc socket: ", ENOENT).what())));
+        m_log.lines(), ElementsAre("1 " + std::string(PosixError("Failed to delete ipc socket: ", ENOENT).what())));
 }
 
 TEST_F(IpcTest, FailuresAreToldAndLeakNothing)
 {
     const std::string noServer = "runtime: Failed to create server connection.";
-    const auto descriptors = openDescriptors();
-    {
-        EXPECT_FALSE(client()->connect());
-        const auto listening = server();
-        EXPECT_FALSE(listening->connect());
-        UnixIpcSocket accepted(listening);
-        rlimit limit{};
-        ::getrlimit(RLIMIT_NOFILE, &limit);
-        const rlimit none{0, limit.rlim_max};
-        ::setrlimit(RLIMIT_NOFILE, &none);
-        EXPECT_EQ(thrownBy([&] { server(); }), noServer);
-        EXPECT_FALSE(client()->connect());
-        EXPECT_FALSE(accepted.connect());
-        ::setrlimit(RLIMIT_NOFILE, &limit);
-        path = dir / "missing/socket";
-        EXPECT_EQ(thrownBy([&] { server(); }), noServer);
-    }
-    EXPECT_EQ(openDescriptors(), descriptors);
-    EXPECT_THAT(log.lines(),
+    EXPECT_FALSE(client()->connect());
+    const auto listening = server();
+    EXPECT_FALSE(listening->connect());
+    UnixIpcSocket accepted(listening);
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit none{0, limit.rlim_max};
+    ::setrlimit(RLIMIT_NOFILE, &none);
+    EXPECT_EQ(thrownBy([&] { server(); }), noServer);
+    EXPECT_FALSE(client()->connect());
+    EXPECT_FALSE(accepted.connect());
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+    path = m_dir / "missing/socket";
+    EXPECT_EQ(thrownBy([&] { server(); }), noServer);
+    EXPECT_THAT(m_log.lines(),
         ElementsAre("1 Failed to connect client unix socket.", "1 Invalid socket role",
             "1 Failed to create server unix socket.", "1 Failed to create client unix socket.",
             "1 " + std::string(PosixError("Failed to accept connection.", EMFILE).what()), "1 Failed to bind socket."));

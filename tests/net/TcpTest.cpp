@@ -20,7 +20,7 @@ std::string told(const Ret& ret)
 }
 
 /// A listener with room for one connection, and a connected pair of sockets.
-struct TcpTest : testing::Test {
+struct TcpTest : FileFixture {
     TcpTest()
     {
         Ret::set_logger([](auto, auto, const auto&) {});
@@ -48,32 +48,27 @@ struct TcpTest : testing::Test {
 
 TEST_F(TcpTest, ConnectsAndLetsGo)
 {
-    const auto descriptors = openDescriptors();
-    {
-        TCPConnector connector("127.0.0.1", m_port, 5s);
-        ASSERT_EQ(connector.connect().code, 0);
-        EXPECT_TRUE(::fcntl(connector.fd(), F_GETFD) == FD_CLOEXEC && ::fcntl(connector.fd(), F_GETFL) & O_NONBLOCK);
-        ::close(::accept(m_listener, nullptr, nullptr));
-        EXPECT_EQ(connector.connect().code, 0) << "anew";
-        EXPECT_EQ(openDescriptors(), descriptors + 1);
+    TCPConnector connector("127.0.0.1", m_port, 5s);
+    ASSERT_EQ(connector.connect().code, 0);
+    EXPECT_TRUE(::fcntl(connector.fd(), F_GETFD) == FD_CLOEXEC && ::fcntl(connector.fd(), F_GETFL) & O_NONBLOCK);
+    ::close(::accept(m_listener, nullptr, nullptr));
+    EXPECT_EQ(connector.connect().code, 0) << "anew";
 
-        const auto option = [&](int level, int name, int value = 0) {
-            socklen_t length = sizeof value;
-            ::getsockopt(connector.fd(), level, name, &value, &length);
-            return value;
-        };
-        EXPECT_EQ(connector.sockOpts(0, 5, 10).code, 0);
-        EXPECT_EQ(option(SOL_SOCKET, SO_KEEPALIVE) + option(IPPROTO_TCP, TCP_NODELAY), 2);
-        EXPECT_EQ(option(IPPROTO_TCP, TCP_USER_TIMEOUT), 0) << "only with an idle time";
-        EXPECT_EQ(connector.sockOpts(60, 5, 10).code, 0);
-        EXPECT_EQ(option(IPPROTO_TCP, TCP_USER_TIMEOUT), 110'000);
-        EXPECT_EQ(option(IPPROTO_TCP, TCP_KEEPINTVL) * 10 + option(IPPROTO_TCP, TCP_KEEPCNT), 105);
+    const auto option = [&](int level, int name, int value = 0) {
+        socklen_t length = sizeof value;
+        ::getsockopt(connector.fd(), level, name, &value, &length);
+        return value;
+    };
+    EXPECT_EQ(connector.sockOpts(0, 5, 10).code, 0);
+    EXPECT_EQ(option(SOL_SOCKET, SO_KEEPALIVE) + option(IPPROTO_TCP, TCP_NODELAY), 2);
+    EXPECT_EQ(option(IPPROTO_TCP, TCP_USER_TIMEOUT), 0) << "only with an idle time";
+    EXPECT_EQ(connector.sockOpts(60, 5, 10).code, 0);
+    EXPECT_EQ(option(IPPROTO_TCP, TCP_USER_TIMEOUT), 110'000);
+    EXPECT_EQ(option(IPPROTO_TCP, TCP_KEEPINTVL) * 10 + option(IPPROTO_TCP, TCP_KEEPCNT), 105);
 
-        const int taken = connector.fd();
-        connector.clear();
-        EXPECT_TRUE(connector.fd() == 0 && ::close(taken) == 0) << "still open";
-    }
-    EXPECT_EQ(openDescriptors(), descriptors);
+    const int taken = connector.fd();
+    connector.clear();
+    EXPECT_TRUE(connector.fd() == 0 && ::close(taken) == 0) << "still open";
 }
 
 TEST_F(TcpTest, TellsWhyThereIsNoConnection)

@@ -25,7 +25,7 @@ struct Unspeakable : std::exception {
     const char* what() const noexcept override { return nullptr; }
 };
 
-struct AsyncServiceTest : testing::Test {
+struct AsyncServiceTest : FileFixture {
     AsyncService::Options options() const
     {
         return AsyncService::Options().serviceName("backup").serviceTarget(m_work);
@@ -39,7 +39,6 @@ struct AsyncServiceTest : testing::Test {
         return thrown == "logic: std::future_error: Broken promise" ? "broken" : thrown;
     }
 
-    CapturingLogger m_log;
     std::shared_ptr<Work> m_work = std::make_shared<Work>();
 };
 

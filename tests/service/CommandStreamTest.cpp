@@ -48,9 +48,10 @@ std::string run(const std::string& command, const std::string& directory = "", b
     return std::to_string(stream->finish()) + ' ' + output;
 }
 
-TEST(CommandStream, TellsStatusAndOutput)
+using CommandStream = FileFixture;
+
+TEST_F(CommandStream, TellsStatusAndOutput)
 {
-    const auto descriptors = openDescriptors();
     const auto sigpipe = std::signal(SIGPIPE, SIG_IGN);
     for (const auto& [command, expected] : std::vector<std::pair<std::string, std::string>>{
              {"echo a; echo b >&2; echo c", "0 a\nb\nc\n"}, {"exit 255", "255 "}, {"kill -9 $$", "9 "},
@@ -69,10 +70,9 @@ TEST(CommandStream, TellsStatusAndOutput)
         for (const int fd : {0, 1, 2}) ::close(fd);
         return run("echo a; echo b >&2") == "0 a\nb\n";
     }));
-    EXPECT_EQ(openDescriptors(), descriptors);
 }
 
-TEST(CommandStream, GoesFromRunningToFinished)
+TEST_F(CommandStream, GoesFromRunningToFinished)
 {
     auto stream = start("printf a; exit 3");
     char c = 'z';
@@ -98,7 +98,7 @@ TEST(CommandStream, GoesFromRunningToFinished)
     EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "no child is left behind";
 }
 
-TEST(CommandStream, WorksWhateverSignalsDo)
+TEST_F(CommandStream, WorksWhateverSignalsDo)
 {
     const auto before = std::signal(SIGCHLD, SIG_IGN);
     auto first = UnixCommandStream::restartChld(true);
@@ -116,7 +116,7 @@ TEST(CommandStream, WorksWhateverSignalsDo)
     ::ualarm(0, 0);
 }
 
-TEST(CommandStream, CountsTheTimeThatIsLeft)
+TEST_F(CommandStream, CountsTheTimeThatIsLeft)
 {
     auto stream = start("exec sleep 60");
     for (const auto& [timeout, turns, asked, isReady, left] :
@@ -136,7 +136,7 @@ TEST(CommandStream, CountsTheTimeThatIsLeft)
     }
 }
 
-TEST(CommandStream, ReportsFailedCalls)
+TEST_F(CommandStream, ReportsFailedCalls)
 {
     const int next = ::dup(0); // the number that the stream's end will get
     ::close(next);

@@ -318,7 +318,7 @@ std::uint64_t SystemInfoProvider::getRAM() const
 std::string SystemInfoProvider::getHostName() const
 {
     char name[HOST_NAME_MAX + 1] = {};
-    if (::gethostname(name, sizeof name - 1) != 0) fail("could not get hostname. gethostname failed");
+    if (::gethostname(name, sizeof name) != 0) fail("could not get hostname. gethostname failed");
     return name;
 }
 

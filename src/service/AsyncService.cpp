@@ -3,6 +3,7 @@
 #include "agent/ScopeExit.h"
 #include "agent/Thread.h"
 
+#include <algorithm>
 #include <stdexcept>
 #include <utility>
 
@@ -130,7 +131,8 @@ void AsyncService::waitForNextRun(std::unique_lock<std::mutex>& lock)
 {
     using Clock = std::chrono::steady_clock;
     const auto isDue = [this] { return m_isStopped || m_trigger; };
-    const nanoseconds interval = m_options.getInterval();
+    // A deadline before the clock's zero would be refused at once, without the mutex being let go.
+    const nanoseconds interval = std::max(m_options.getInterval(), nanoseconds(0));
     const auto now = Clock::now();
     if (interval > Clock::time_point::max() - now) { // the deadline would not fit the clock
         m_wakeUp.wait(lock, isDue);

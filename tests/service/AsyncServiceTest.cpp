@@ -84,6 +84,9 @@ TEST_F(AsyncServiceTest, RunsAtOnceAndThenEveryInterval)
     EXPECT_EQ(outcomeOf(service.triggerRun()), "nothing") << "in the middle of a long wait";
     service.stop();
     EXPECT_EQ(m_work->runs, 4);
+    AsyncService late(m_log.logger(), options().interval([] { return nanoseconds::min(); }));
+    late.start();
+    EXPECT_EQ(outcomeOf(late.triggerRun()), "nothing") << "longer overdue than the machine has been up";
 }
 
 TEST_F(AsyncServiceTest, ATriggerDuringARunBelongsToTheNextOne)

@@ -11,7 +11,7 @@ constexpr int kMostJsonLevels = 512;
 
 /// Parses a document that comes from outside: the whole text, one value.
 /// @throws nlohmann::json::exception  if it is none
-/// @throws std::runtime_error         if it nests deeper than kMostJsonLevels
+/// @throws std::runtime_error         if it nests deeper than kMostJsonLevels, or holds a NUL byte
 nlohmann::json parseOutsideJson(const std::string& text);
 
 } // namespace agent

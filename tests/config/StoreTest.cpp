@@ -105,7 +105,7 @@ TEST_F(StoreTest, RefusesWhatIsNoObjectAndLeavesItAlone)
     const auto nested = [](std::size_t levels) {
         return "{\"a\":" + std::string(levels - 1, '[') + std::string(levels - 1, ']') + "}";
     };
-    for (const std::string& text : {std::string(), std::string("[]"), std::string("{} x"),
+    for (const std::string& text : {std::string(), std::string("[]"), std::string("{} x"), std::string("{}\0", 3),
              std::string("{\"a\":\"\xC3\"}"), std::string("{\"a\":1e999}"), nested(513), nested(1'000'000)}) {
         put(text);
         EXPECT_THAT(

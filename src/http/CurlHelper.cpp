@@ -165,11 +165,12 @@ void redactHeaders(std::string& text)
 }
 
 /// Takes user and password out of a URL, which libcurl quotes: that of a proxy, above all, as the environment has it.
+/// An apostrophe inside a word is none: a certificate's subject may hold one, and a mail address.
 void redactUrl(std::string& text)
 {
-    const auto quote = text.find('\'');
+    const auto quote = text.find(" '");
     const auto at = text.rfind('@');
-    if (at != std::string::npos && quote < at) text.replace(quote + 1, at - quote - 1, "<redacted>");
+    if (at != std::string::npos && quote < at) text.replace(quote + 2, at - quote - 2, "<redacted>");
 }
 
 std::string escaped(const std::string& text)

@@ -33,7 +33,7 @@ public:
 ///     thumbprint.save();
 ///
 /// The file holds the 40 digits and nothing else, no newline either. Errors are logged at ERROR before they are
-/// thrown, but for a PosixError. Beware: an error about a file's content logs that content.
+/// thrown. Beware: an error about a file's content logs that content.
 /// Threads: one at a time. Copies share their state.
 class AGENTKIT_API SSLCertificateThumbprint : public ISSLCertificateThumbprint {
 public:

@@ -43,6 +43,18 @@ bool isThumbprint(std::string_view text)
     throw GnuTlsError(text, code);
 }
 
+/// Logs what an action throws, and lets it go on.
+template <typename Action>
+auto logged(info::Logger& logger, Action action)
+{
+    try {
+        return action();
+    } catch (const std::exception& e) {
+        info::Logger::Entry(logger, info::Logger::ERROR) << e.what();
+        throw;
+    }
+}
+
 std::string gnuTlsText(int code)
 {
     return " - Error: " + GnuTlsError("", code).codeText(); // under the lock for such texts
@@ -80,14 +92,14 @@ SSLCertificateThumbprint::~SSLCertificateThumbprint() = default;
 void SSLCertificateThumbprint::createFromThumbFile(const Path& path)
 {
     m_impl->m_path = path;
-    std::string content = File(m_impl->m_logger, path).slurp();
+    std::string content = logged(m_impl->m_logger, [&] { return File(m_impl->m_logger, path).slurp(); });
     m_impl->requireThumbprint(content, "Thumbfile contains an invalid thumbprint: " + path.u8string());
     m_impl->m_thumbprint = std::move(content);
 }
 
 void SSLCertificateThumbprint::remove()
 {
-    file::remove(m_impl->m_path, false);
+    logged(m_impl->m_logger, [&] { file::remove(m_impl->m_path, false); });
 }
 
 void SSLCertificateThumbprint::save()

@@ -89,6 +89,8 @@ TEST_F(StoreTest, ThumbprintsAreTheSha1OfTheCertificate)
     EXPECT_EQ(contentOf(m_thumbFile), expected + "x") << "not truncated";
     thumbprint.remove();
     EXPECT_FALSE(file::exists(m_thumbFile));
+    EXPECT_ANY_THROW(thumbprint.createFromThumbFile(m_thumbFile));
+    EXPECT_EQ(m_log.lines().back(), "1 "s + PosixError("Failed to open file " + m_thumbFile, ENOENT).what());
 
     for (const auto& [path, failure] : {std::pair{m_dir / "no/thumb", "Could not open thumbfile: "},
              std::pair{std::string("/dev/full"), "Could not write thumbfile: "}}) {

@@ -86,9 +86,15 @@ public:
     /// @throws agent::PosixError  if nothing could be sent
     void write(const std::string& text) override;
 
-private:
+    /// A new listening socket at the path, in the place of whatever was there; what constructs a server.
+    /// @return  its descriptor, the caller's; -1 on failure
     int createServerConnection();
+
+    /// A new socket connected to the server at the path; what connects a client.
+    /// @return  its descriptor, the caller's; -1 on failure
     int createClientConnection() const;
+
+private:
     bool hasPeer() const;
     void logError(const std::string& text) const;
 

@@ -52,7 +52,8 @@ public:
 ///     stream.read(answer, sizeof answer, count);
 ///
 /// The trust chain that the store keeps is not used for the server. Ciphers are OpenSSL's and the system's choice.
-/// The socket should be non-blocking; it stays the connector's, which closes it.
+/// The socket should be non-blocking; it stays the connector's, which closes it. Close the stream first: OpenSSL keeps
+/// the descriptor's number, and would write to whatever file or connection has got it since.
 ///
 /// Failures are PosixError with codes like `errno`: 2 what is needed is missing, 22 OpenSSL refuses, or the server
 /// is not who it should be, 103 the server ends the connection in order (close notify) during the handshake, 104 it
@@ -81,6 +82,8 @@ public:
 
     /// A size of 0 reads nothing. A buffer larger than 2 GiB is not filled beyond that.
     void read(void* buffer, unsigned int size, unsigned int& bytesRead) override;
+
+    /// After a failure, a time-out too, part of it may have been sent, and the next write would fail: close the stream.
     void write(const void* buffer, unsigned int size) override;
 
     /// Tells the peer (close notify), unless the connection was never completed or has failed, and does not wait for
@@ -97,25 +100,24 @@ public:
     X509_STORE* getCertificateStore() const;
 
 private:
-    using Ret = ::vnt::common::Ret;
     struct Free {
         void operator()(SSL_CTX* context) const noexcept;
         void operator()(SSL* connection) const noexcept;
     };
 
-    Ret initSSLClient();
-    Ret disableProtocols();
-    Ret connectToPeer();
-    Ret prepareConnection();
-    Ret shakeHands();
-    Ret checkPeer();
-    Ret waitFor(short events, const char* failure, const char* timedOut) const;
-    Ret handleWantRead() const;
-    Ret handleWantWrite() const;
-    Ret getSSLFunctionRet(int result, bool quiet);
-    Ret sslRead(void* buffer, unsigned int size, unsigned int& bytesRead);
-    Ret sslWrite(const void* buffer, unsigned int size, unsigned int& bytesWritten);
-    Ret notMoved(int result, const std::string& direction, const std::string& function);
+    ::vnt::common::Ret initSSLClient();
+    ::vnt::common::Ret disableProtocols();
+    ::vnt::common::Ret connectToPeer();
+    ::vnt::common::Ret prepareConnection();
+    ::vnt::common::Ret shakeHands();
+    ::vnt::common::Ret checkPeer();
+    ::vnt::common::Ret waitFor(short events, const char* failure, const char* timedOut) const;
+    ::vnt::common::Ret handleWantRead() const;
+    ::vnt::common::Ret handleWantWrite() const;
+    ::vnt::common::Ret getSSLFunctionRet(int result, bool quiet);
+    ::vnt::common::Ret sslRead(void* buffer, unsigned int size, unsigned int& bytesRead);
+    ::vnt::common::Ret sslWrite(const void* buffer, unsigned int size, unsigned int& bytesWritten);
+    ::vnt::common::Ret notMoved(int result, const std::string& direction, const std::string& function);
     void shutdownSSL();
     void notifyPeer();
     void logErrorQueue(const char* before);

@@ -61,9 +61,9 @@ public:
     void close() override;
 
     /// Closes what is open and connects anew.
-    /// @return  code -1 without a host, the resolver's host error if the name is unknown, 110 after the time-out, else
-    ///          an errno value. If the connection is refused, only the text tells so; the code is what errno held at
-    ///          that moment, normally 115 (EINPROGRESS), and its users look at the text.
+    /// @return  code -1 without a host, the host error of IPUtils::resolveHost() if the name is unknown (-1 if that is
+    ///          0), 110 after the time-out, else an errno value. If the connection is refused, only the text tells so;
+    ///          the code is what errno held at that moment, normally 115 (EINPROGRESS), and its users look at the text.
     ::vnt::common::Ret connect() override;
 
     int fd() const override;

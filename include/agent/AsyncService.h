@@ -45,7 +45,7 @@ public:
         Options& serviceName(std::string name);
         Options& serviceTarget(std::shared_ptr<IService> target);
 
-        /// True: only when triggered; an interval set before is forgotten.
+        /// True: only when triggered; an interval set before is forgotten. One set later holds from the first wait on.
         Options& runOnDemand(bool onDemand);
 
         /// @param provider  asked before each wait how long it may be; 0 and less is none

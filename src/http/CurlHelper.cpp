@@ -9,6 +9,7 @@
 #include "agent/StringUtils.h"
 
 #include <algorithm>
+#include <climits>
 #include <new>
 #include <string_view>
 #include <utility>
@@ -21,7 +22,8 @@ using std::chrono::seconds;
 
 namespace {
 
-constexpr std::size_t kLongestTrace = 512; // bytes of a text, before escaping
+constexpr std::size_t kLongestTrace = 512;                   // bytes of a text, before escaping
+constexpr seconds kLongestTimeout = seconds(INT_MAX / 1000); // 24 days; libcurl refuses more
 
 /// What the long forms of the requests give one by one.
 struct Switches {
@@ -107,7 +109,8 @@ public:
     {
         set(*m_resources, CURLOPT_WRITEFUNCTION, write);
         set(*m_resources, CURLOPT_WRITEDATA, target);
-        if (timeout > seconds::zero()) set(*m_resources, CURLOPT_TIMEOUT, static_cast<long>(timeout.count()));
+        if (timeout > seconds::zero())
+            set(*m_resources, CURLOPT_TIMEOUT, static_cast<long>(std::min(timeout, kLongestTimeout).count()));
         {
             const SigpipeGuard guard;
             checkCurl(curl_easy_perform(m_resources->handle()), "");

@@ -1,6 +1,6 @@
 #include "net/SocketBio.h"
 
-#include "net/WriteWithoutSignal.h"
+#include <sys/socket.h>
 
 #include <memory>
 
@@ -13,12 +13,13 @@ struct FreeMethod {
 };
 using MethodPtr = std::unique_ptr<BIO_METHOD, FreeMethod>;
 
-// As in OpenSSL's method for sockets: whether to try again follows from errno.
+// As in OpenSSL's method for sockets: whether to try again follows from errno. A file that has got the number of a
+// socket closed too early is not written to.
 int writeQuietly(BIO* bio, const char* data, int size)
 {
     const auto fd = static_cast<int>(BIO_get_fd(bio, nullptr));
     BIO_clear_retry_flags(bio);
-    const auto written = static_cast<int>(writeWithoutSignal(fd, data, static_cast<std::size_t>(size)));
+    const auto written = static_cast<int>(::send(fd, data, static_cast<std::size_t>(size), MSG_NOSIGNAL));
     if (written <= 0 && BIO_sock_should_retry(written) != 0) BIO_set_retry_write(bio);
     return written;
 }

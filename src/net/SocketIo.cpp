@@ -1,6 +1,6 @@
 #include "agent/vnt/SocketIo.h"
 
-#include "net/WriteWithoutSignal.h"
+#include "core/SigpipeGuard.h"
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -37,6 +37,15 @@ void pauseTurn()
 {
     const timespec tenMilliseconds{0, 10'000'000};
     (void)::nanosleep(&tenMilliseconds, nullptr);
+}
+
+// `write(2)` without SIGPIPE, whatever the program does with that signal. Pipes are no sockets, and cannot be sent to.
+ssize_t writeWithoutSignal(int fd, const void* data, std::size_t size)
+{
+    const ssize_t sent = ::send(fd, data, size, MSG_NOSIGNAL);
+    if (sent != -1 || errno != ENOTSOCK) return sent;
+    const SigpipeGuard guard;
+    return ::write(fd, data, size);
 }
 
 Ret closedByPeer(int fd)

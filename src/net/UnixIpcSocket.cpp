@@ -188,8 +188,9 @@ bool UnixIpcSocket::read(char* buffer, unsigned int size, unsigned int& count)
             count = static_cast<unsigned int>(result);
             return true;
         }
-        if (result == 0) m_disconnected = true; // the peer has closed
-        if (result == 0 || errno != EAGAIN) return false;
+        if (result == -1 && errno == EAGAIN) continue;
+        if (result == 0 || errno == ECONNRESET) m_disconnected = true; // the peer has closed; with data of ours unread
+        return false;
     }
     return false;
 }

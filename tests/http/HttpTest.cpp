@@ -93,7 +93,7 @@ TEST_F(HttpTest, SendsExactlyWhatIsDocumented)
     const CurlHelper h = http();
     std::string& out = m_response;
     for (const auto& [method, authorization, content, send] : std::vector<Case>{
-             {"GET", "", "", [&](auto& u) { return h.getRequest(u, out, log, {}, 5s); }},
+             {"GET", "", "", [&](auto& u) { return h.getRequest(u, out, log, {}, std::chrono::seconds::max()); }},
              {"POST", "", text, [&](auto& u) { return h.postRequest(u, body, out, log, 0s); }},
              {"PUT", "", text, [&](auto& u) { return h.putRequest(u, body, out, log, -1s); }},
              {"GET", basic, "", [&](auto& u) { return h.getRequestWithBasicAuth(u, out, log, none, extra, 5s); }},

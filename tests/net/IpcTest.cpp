@@ -1,6 +1,8 @@
 #include "Support.h"
 #include "agent/transport/ipc/UnixIpcSocket.h"
 
+#include <numeric>
+
 using namespace agent::transport::ipc;
 
 namespace {
@@ -27,6 +29,10 @@ struct IpcTest : FileFixture {
 TEST_F(IpcTest, TalksToAnotherProcessUntilThatEnds)
 {
     (void)std::signal(SIGPIPE, SIG_DFL);
+    std::vector<int> all(256);
+    std::iota(all.begin(), all.end(), 0);
+    const auto inherited = [&] { return std::ranges::count(all, 0, [](int fd) { return ::fcntl(fd, F_GETFD); }); };
+    const auto before = inherited();
     const auto listening = server();
     const pid_t child = ::fork();
     if (child == 0) {
@@ -42,7 +48,7 @@ TEST_F(IpcTest, TalksToAnotherProcessUntilThatEnds)
     EXPECT_EQ(received(accepted), "nothing") << "the peer has let go";
     EXPECT_FALSE(accepted.connected());
     EXPECT_TRUE(accepted.connect()) << "and connected anew";
-    for (int fd = 3; fd < 64; ++fd) EXPECT_NE(::fcntl(fd, F_GETFD), 0) << "a child would get " << fd;
+    EXPECT_EQ(inherited(), before) << "close-on-exec";
     EXPECT_EQ(received(accepted), "hello");
     const auto start = steady_clock::now();
     EXPECT_EQ(received(accepted), "nothing") << "the peer is silent";
@@ -69,7 +75,14 @@ TEST_F(IpcTest, TheFileIsPrivateAndGoesWithTheServer)
     EXPECT_EQ(::lstat(bound.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode, S_IFSOCK | 0600U);
     const auto second = server(); // takes the path over
-    EXPECT_TRUE(client()->connect());
+    const auto peer = client();
+    EXPECT_TRUE(peer->connect());
+    UnixIpcSocket accepted(second);
+    EXPECT_TRUE(accepted.connect());
+    peer->write("left unread, so that the end is a reset");
+    accepted.disconnect();
+    EXPECT_EQ(received(*peer), "nothing");
+    EXPECT_FALSE(peer->connected());
     first.reset();
     EXPECT_FALSE(std::filesystem::exists(bound));
     second->disconnect(); // and once more at the end

@@ -6,6 +6,7 @@
 #include <openssl/params.h>
 #include <openssl/provider.h>
 #include <openssl/self_test.h>
+#include <openssl/x509.h>
 
 using namespace agent::ssl;
 
@@ -136,6 +137,17 @@ TEST_F(FipsTest, TheModuleStandsOrFallsWithItsTest)
     const auto none = [](auto&&...) { return nullptr; };
     EXPECT_EQ(thrownBy([&] { make(m_events, none); }), "runtime: Failed to create OpenSSL providers");
     EXPECT_EQ(thrownBy([&] { make(none, m_providers); }), "runtime: Failed to create OpenSSL Self-Test Events");
+}
+
+TEST_F(FipsTest, TheMachinesOwnProviderPasses)
+{
+    const std::unique_ptr<OSSL_LIB_CTX, decltype(&OSSL_LIB_CTX_free)> own(::OSSL_LIB_CTX_new(), ::OSSL_LIB_CTX_free);
+    (void)::OSSL_LIB_CTX_load_config(own.get(), (::X509_get_default_cert_area() + "/openssl.cnf"s).c_str());
+    OpenSSLProvider fips(m_log.logger(), "fips", own.get());
+    const std::string failure = thrownBy([&] { fips.load(); });
+    if (failure != "nothing") GTEST_SKIP() << failure;
+    fips.selfTest();
+    EXPECT_EQ(m_log.lines().back(), "3 OpenSSL provider self-test passed: fips");
 }
 
 TEST_F(FipsTest, TheMachineDecides)

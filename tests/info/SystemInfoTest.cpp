@@ -69,6 +69,7 @@ TEST_F(SystemInfo, AsksTheKernel)
     EXPECT_EQ(m_info.getOSArchitectureBitSize(), 32U) << "of an unknown machine";
     for (int i = 0; i < 2; ++i) EXPECT_THAT(m_info.getUserHomeDirs(), Contains(Path("/root")));
     EXPECT_EQ(thrownBy([&] { m_info.getServices(); }), "runtime: getServicesis not implemented.");
+    EXPECT_EQ(thrownBy([&] { m_info.getGPUInfo(); }), "runtime: getGPUInfo is not implemented.");
 }
 
 TEST_F(SystemInfo, ReadsFiles)

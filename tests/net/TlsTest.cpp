@@ -203,6 +203,14 @@ TEST_F(TlsTest, ToldHowAConnectionEnds)
         stream->close();
         EXPECT_EQ(thrownBy([&] { stream->write(&byte, 1); }), posix("SSL_write without a connection", 107));
     }
+    {
+        const Identity elsewhere(CertificateSpec{.subject = {{"CN", "Elsewhere"}}});
+        const TcpServer server(test::tls({m_server, &elsewhere}, [](SSL*) {}));
+        const auto stream = streamTo(server);
+        stream->connect(); // is done before the server has looked at the client's certificate
+        EXPECT_THAT(thrownBy([&] { stream->read(&byte, 1, count); }),
+            StartsWith(failure("posix: SSL error on SSL_read: ", "SSL_ERROR_SSL") + "0: Error: 0xa000418 "));
+    }
     const TcpServer server(tls([](SSL* ssl) {
         char first = 0;
         (void)SSL_read(ssl, &first, 1);

@@ -62,15 +62,11 @@ struct ScriptedBuffer : std::stringbuf {
         int failing = 0;
         bool fails() { return ++count == failing; }
     };
-    Calls seeks, tells, writes, syncs;
+    Calls seeks, writes, syncs;
 
     pos_type seekpos(pos_type position, std::ios::openmode which) override
     {
         return seeks.fails() ? errno = ESPIPE, pos_type(-1) : std::stringbuf::seekpos(position, which);
-    }
-    pos_type seekoff(off_type offset, std::ios::seekdir way, std::ios::openmode which) override
-    {
-        return tells.fails() ? pos_type(-1) : std::stringbuf::seekoff(offset, way, which);
     }
     std::streamsize xsputn(const char* text, std::streamsize size) override
     {
@@ -86,10 +82,8 @@ TEST(BlockRangeBitmapStream, TellsWhichStepFailed)
     using Buffer = ScriptedBuffer;
     const std::tuple<Buffer::Calls Buffer::*, int, std::string> cases[] = {
         {&Buffer::seeks, 1, posix(toClear + " Offset: 0", ESPIPE)},
-        {&Buffer::tells, 1, "runtime: " + toClear + " Expected: 0 | Actual: -1"},
         {&Buffer::writes, 1, posix("Failed to clear bitmap in bitmap file.", ENOSPC)},
         {&Buffer::seeks, 3, posix(toWrite + " Offset: 8", ESPIPE)},
-        {&Buffer::tells, 3, "runtime: " + toWrite + " Expected: 8 | Actual: -1"},
         {&Buffer::writes, 3, posix("Failed to write block ranges to bitmap file.", ENOSPC)},
         {&Buffer::syncs, 1, posix("Failed to flush block ranges to bitmap file.", EIO)}};
     for (const auto& [calls, failing, expected] : cases) {

@@ -8,10 +8,7 @@ extern "C" std::uint32_t checksumFromC(const char* text, unsigned long length); 
 
 namespace {
 
-bool hasInstruction()
-{
-    return static_cast<bool>(__builtin_cpu_supports("sse4.2"));
-}
+const bool kHasInstruction = static_cast<bool>(__builtin_cpu_supports("sse4.2"));
 
 TEST(Crc32c, GivesThePublishedValues)
 {
@@ -31,11 +28,11 @@ TEST(Crc32c, EveryRoutineAgreesWithTheByteWiseOne)
     std::vector<unsigned char> bytes(800'000);
     std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<unsigned char>(random()); });
 
-    const unsigned long word = hasInstruction() ? 8 : 1; // what is left of a last word does not count
+    const unsigned long word = kHasInstruction ? 8 : 1; // what is left of a last word does not count
     for (const auto& [name, routine, wordBytes] :
         {std::tuple("slice_4", &crc32c_slice_4, 1UL), {"slice_8", crc32c_slice_8, 1}, {"dispatcher", crc32c, word},
             {"hw32", crc32c_hw32, 4}, {"hw64", crc32c_hw64, 8}}) {
-        if (routine == crc32c_hw32 && !hasInstruction()) break;
+        if (routine == crc32c_hw32 && !kHasInstruction) break;
         for (const unsigned long length : lengths) {
             for (const unsigned char* data = bytes.data(); data != bytes.data() + 9; ++data) {
                 const unsigned long counted = length / wordBytes * wordBytes;

@@ -3,8 +3,6 @@
 #include "agent/JSONConfigDataProvider.h"
 #include "agent/TelemetryStore.h"
 
-#include <sys/syscall.h>
-
 #include <cmath>
 
 namespace {
@@ -53,10 +51,6 @@ AGENTKIT_API int close(int fd)
 AGENTKIT_API int fsync(int fd)
 {
     return call(SYS_fsync, fd);
-}
-AGENTKIT_API int fchmod(int fd, mode_t mode) noexcept
-{
-    return call(SYS_fchmod, fd, mode);
 }
 AGENTKIT_API int rename(const char* from, const char* to) noexcept
 {
@@ -152,8 +146,8 @@ TEST_F(StoreTest, HoldsTheOldOrTheNewDocumentWhereverARewriteEnds)
         if (failure == "nothing") {
             EXPECT_EQ(was.calls, calls) << "only the last one's result does not count";
             // the file was on disk before it took the old one's place, and its name is now
-            EXPECT_THAT(was.made,
-                ElementsAre(SYS_fchmod, SYS_write, SYS_fsync, SYS_close, SYS_rename, SYS_open, SYS_fsync, SYS_close));
+            EXPECT_THAT(
+                was.made, ElementsAre(SYS_write, SYS_fsync, SYS_close, SYS_rename, SYS_open, SYS_fsync, SYS_close));
         } else {
             const bool isFolders = stored() == after; // all is done but the folder's fsync
             EXPECT_THAT(

@@ -21,10 +21,8 @@ TEST(LibraryError, EveryLibraryComposesItsTextAlike)
     const PosixError denied("stat64", EACCES);
     const exception::library_error& base = denied;
     EXPECT_EQ(dynamic_cast<const generic_library_error<int>&>(base).codeText(), "Permission denied");
-    EXPECT_EQ(denied.code(), EACCES);
     EXPECT_THROW(generic_library_error<int>::format("Zlib", "inflate", 1, {}), std::bad_function_call);
 
-    EXPECT_NO_THROW(checkCurl(CURLE_OK, "anything"));
     const std::string tail = ": Failed sending data to the peer | ERROR(CURL) : 55 (0x00000037)";
     EXPECT_EQ(thrownBy([] { checkCurl(CURLE_SEND_ERROR, ""); }), "runtime: Curl error" + tail);
     EXPECT_EQ(thrownBy([] { checkCurl(CURLE_SEND_ERROR, "upload"); }), "runtime: Curl error: upload" + tail);

@@ -1,8 +1,6 @@
 #include "agent/File.h"
 #include "Support.h"
 
-#include <cstdio>
-
 namespace {
 
 constexpr FileOpenMode kReadWrite = FileOpenMode::Read | FileOpenMode::Write;
@@ -10,6 +8,8 @@ constexpr FileOpenMode kReadWrite = FileOpenMode::Read | FileOpenMode::Write;
 using FileTest = FileFixture;
 
 struct FileModes : FileTest, testing::WithParamInterface<unsigned int> {};
+
+INSTANTIATE_TEST_SUITE_P(AllBits, FileModes, testing::Range(0U, 32U));
 
 TEST_P(FileModes, TheStreamDoesWhatTheDescriptorCan)
 {
@@ -44,8 +44,6 @@ TEST_P(FileModes, TheStreamDoesWhatTheDescriptorCan)
     const auto given = has(mode, FileOpenMode::Create) ? std::filesystem::perms(0640) : std::filesystem::perms::unknown;
     EXPECT_EQ(std::filesystem::status(missing.u8string()).permissions(), given) << "only the low nine bits count";
 }
-INSTANTIATE_TEST_SUITE_P(AllBits, FileModes, testing::Range(0U, 32U));
-
 TEST_F(FileTest, DirectCallsAndTheStreamShareOnePosition)
 {
     const std::string path = m_dir.file("shared", "one two three");

@@ -32,18 +32,16 @@ struct Operations : FileFixture {
     ~Operations() override { EXPECT_EQ(g_inheritableOpens, 0); }
 
     static std::string q(const Path& path) { return "\"" + path.u8string() + "\""; }
-
-    const TempDir& dir = m_dir;
 };
 
 TEST_F(Operations, AnswerQuestions)
 {
-    const std::string file = dir.file("file", "12345");
-    file::symlink("nowhere", dir / "dangling");
-    EXPECT_TRUE(file::exists(file) && dir::isDirectory(dir.path()) && !dir::isDirectory(file));
-    EXPECT_FALSE(file::exists(dir.path()) || file::exists(dir / "dangling") || file::exists(file + "/x"));
-    EXPECT_FALSE(file::isHardlink(file) || file::isHardlink(dir.path()) || file::isReparsePoint(file));
-    file::hardlink(file, dir / "second");
+    const std::string file = m_dir.file("file", "12345");
+    file::symlink("nowhere", m_dir / "dangling");
+    EXPECT_TRUE(file::exists(file) && dir::isDirectory(m_dir.path()) && !dir::isDirectory(file));
+    EXPECT_FALSE(file::exists(m_dir.path()) || file::exists(m_dir / "dangling") || file::exists(file + "/x"));
+    EXPECT_FALSE(file::isHardlink(file) || file::isHardlink(m_dir.path()) || file::isReparsePoint(file));
+    file::hardlink(file, m_dir / "second");
     EXPECT_TRUE(file::isHardlink(file) && file::findHardlinks(file).empty());
     struct stat status {};
     ASSERT_EQ(::stat(file.c_str(), &status), 0);
@@ -55,11 +53,11 @@ TEST_F(Operations, AnswerQuestions)
 
 TEST_F(Operations, NameTheCallAndThePathInTheirFailures)
 {
-    const Path none(dir / "none");
+    const Path none(m_dir / "none");
     const Path below = none / "x";
-    const Path file = dir.file("file", "");
-    const Path link(dir / "link");
-    file::symlink(dir.path(), link);
+    const Path file = m_dir.file("file", "");
+    const Path link(m_dir / "link");
+    file::symlink(m_dir.path(), link);
     const std::string stat = "stat64(" + q(none) + ") failed";
     const std::string notWritten = "Failed to write all content to: /dev/full";
     std::unordered_set<Path> found;
@@ -90,78 +88,77 @@ TEST_F(Operations, NameTheCallAndThePathInTheirFailures)
 
 TEST_F(Operations, RemoveLinksMakeTemporaryFilesAndTruncate)
 {
-    const std::string file = dir.file("file", "");
-    file::hardlink(file, dir / "second"); // still shows the mode after the removal: it is given in decimal
+    const std::string file = m_dir.file("file", "");
+    file::hardlink(file, m_dir / "second"); // still shows the mode after the removal: it is given in decimal
     file::remove(file, true);
     EXPECT_FALSE(file::exists(file));
-    EXPECT_EQ(modeOf(dir / "second"), 01224U);
+    EXPECT_EQ(modeOf(m_dir / "second"), 01224U);
 
     const std::string longTarget = "/" + std::string(4094, 'x');
-    file::symlink(longTarget, dir / "link");
-    EXPECT_EQ(file::symlinkTarget(dir / "link").u8string(), longTarget);
+    file::symlink(longTarget, m_dir / "link");
+    EXPECT_EQ(file::symlinkTarget(m_dir / "link").u8string(), longTarget);
 
-    const Path made = file::getTempFile(dir.path(), "part_");
-    EXPECT_TRUE(made.u8string().starts_with(dir / "part_") && made.fileName().size() == 11) << made.u8string();
+    const Path made = file::getTempFile(m_dir.path(), "part_");
+    EXPECT_TRUE(made.u8string().starts_with(m_dir / "part_") && made.fileName().size() == 11) << made.u8string();
     EXPECT_EQ(modeOf(made.u8string()), 0600U);
 
-    file::truncate(dir / "new", 4);
-    file::truncate(dir.file("old", "12345"), 2);
-    EXPECT_EQ(contentOf(dir / "old") + contentOf(dir / "new"), "12" + std::string(4, '\0'));
+    file::truncate(m_dir / "new", 4);
+    file::truncate(m_dir.file("old", "12345"), 2);
+    EXPECT_EQ(contentOf(m_dir / "old") + contentOf(m_dir / "new"), "12" + std::string(4, '\0'));
 }
 
 TEST_F(Operations, RenameDuplicatePathFindsTheFirstFreeName)
 {
-    dir::make(dir / "d.d/a.tar (2).gz", true);
+    dir::make(m_dir / "d.d/a.tar (2).gz", true);
     for (const char* const taken : {"a.tar.gz", "a.tar (1).gz", "plain", "blank .txt", ".rc"})
-        dir.file(std::string("d.d/") + taken, "");
+        m_dir.file(std::string("d.d/") + taken, "");
     const std::pair<const char*, const char*> cases[] = {{"free", "free"}, {"a.tar.gz", "a.tar (3).gz"},
         {"plain", "plain (1)"}, {"blank .txt", "blank (1).txt"}, {".rc", " (1).rc"}};
     for (const auto& [name, expected] : cases)
-        EXPECT_EQ(file::renameDuplicatePath(Path(dir / "d.d") / name), Path(dir / "d.d") / expected);
+        EXPECT_EQ(file::renameDuplicatePath(Path(m_dir / "d.d") / name), Path(m_dir / "d.d") / expected);
 }
 
 TEST_F(Operations, CopyKeepsContentAndModeAndRefusesWhatWouldLoseData)
 {
-    const std::string from = dir.file("from", std::string(1'000'000, 'b'));
+    const std::string from = m_dir.file("from", std::string(1'000'000, 'b'));
     ASSERT_EQ(::chmod(from.c_str(), 0662), 0); // bits that the umask usually takes away
-    file::copy(from, dir / "to", false);
-    EXPECT_EQ(contentOf(dir / "to"), contentOf(from));
-    EXPECT_EQ(modeOf(dir / "to"), 0662U);
-    file::copy(dir.file("small", "s"), dir / "to", true);
-    EXPECT_EQ(modeOf(dir / "to"), 0662U); // keeps its own
+    file::copy(from, m_dir / "to", false);
+    EXPECT_EQ(contentOf(m_dir / "to"), contentOf(from));
+    EXPECT_EQ(modeOf(m_dir / "to"), 0662U);
+    file::copy(m_dir.file("small", "s"), m_dir / "to", true);
+    EXPECT_EQ(modeOf(m_dir / "to"), 0662U); // keeps its own
 
-    file::symlink(from, dir / "link");
-    ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
+    file::symlink(from, m_dir / "link");
+    ASSERT_EQ(::mkfifo((m_dir / "fifo").c_str(), 0600), 0);
     const auto refuses = [&](const Path& a, const Path& b, int code, bool overwrite = true, const char* why = "") {
         EXPECT_EQ(thrownBy([&] { file::copy(a, b, overwrite); }),
             posix("file::copy(" + q(a) + " -> " + q(b) + ") failed" + why, code));
     };
-    refuses(from, dir / "to", EEXIST, false, " - dest file exists");
-    refuses(from, dir.path(), EISDIR, true, " - expected dest file name, not directory");
-    refuses(dir / "fifo", dir / "to", EINVAL);
-    refuses(from, dir / "fifo", ENXIO); // no reader, and no wait for one
-    refuses(dir.path(), dir / "to", EISDIR);
-    refuses(from, dir / "link", EINVAL); // itself, by another name
-    EXPECT_EQ(contentOf(dir / "to"), "s");
+    refuses(from, m_dir / "to", EEXIST, false, " - dest file exists");
+    refuses(from, m_dir.path(), EISDIR, true, " - expected dest file name, not directory");
+    refuses(m_dir / "fifo", m_dir / "to", EINVAL);
+    refuses(from, m_dir / "fifo", ENXIO);  // no reader, and no wait for one
+    refuses(from, m_dir / "link", EINVAL); // itself, by another name
+    EXPECT_EQ(contentOf(m_dir / "to"), "s");
     EXPECT_EQ(file::size(from), 1'000'000U);
     EXPECT_TRUE(inChild([&] { // a full disk, for which the file size limit stands in
         (void)::signal(SIGXFSZ, SIG_IGN);
         const rlimit limit{600'000, 600'000};
         ::setrlimit(RLIMIT_FSIZE, &limit);
-        refuses(from, dir / "half", EFBIG, false);
-        return !HasFailure() && !file::exists(dir / "half");
+        refuses(from, m_dir / "half", EFBIG, false);
+        return !HasFailure() && !file::exists(m_dir / "half");
     }));
 }
 
 TEST_F(Operations, MakeCreatesWhatIsMissing)
 {
-    const Path deep(dir / "a/b");
+    const Path deep(m_dir / "a/b");
     EXPECT_EQ(thrownBy([&] { dir::make(deep, false); }),
         posix("dir::make(" + q(deep) + "), mkdir(" + q(deep) + ") failed", ENOENT));
     dir::make(deep, true);
     dir::make(deep, false); // exists: success
     EXPECT_EQ(modeOf(deep.u8string()), 0755U);
-    const std::string file = dir.file("file", "");
+    const std::string file = m_dir.file("file", "");
     for (const auto& path : {file, file + "/x/y"})
         EXPECT_EQ(thrownBy([&] { dir::make(path, true); }),
             posix("dir::make(" + q(path) + "): " + q(file) + " already exists and is not a directory", ENOTDIR));
@@ -169,15 +166,15 @@ TEST_F(Operations, MakeCreatesWhatIsMissing)
 
 TEST_F(Operations, ListFullPathRecursiveWalksLoopsOnceAndRemoveFollowsNoLink)
 {
-    dir::make(dir / "t/z/sub", true);
-    dir.file("t/z/file", "");
-    file::symlink(dir / "t", dir / "t/z/sub/loop");
-    file::symlink(dir / "t/z", dir / "t/a"); // listed before "z", walked after it
-    file::symlink("nowhere", dir / "t/dangling");
-    dir::make(dir / "outside", false);
-    dir.file("outside/kept", "");
-    file::symlink(dir / "outside", dir / "t/z/sub/out");
-    const Path top(dir / "t");
+    dir::make(m_dir / "t/z/sub", true);
+    m_dir.file("t/z/file", "");
+    file::symlink(m_dir / "t", m_dir / "t/z/sub/loop");
+    file::symlink(m_dir / "t/z", m_dir / "t/a"); // listed before "z", walked after it
+    file::symlink("nowhere", m_dir / "t/dangling");
+    dir::make(m_dir / "outside", false);
+    m_dir.file("outside/kept", "");
+    file::symlink(m_dir / "outside", m_dir / "t/z/sub/out");
+    const Path top(m_dir / "t");
     std::unordered_set<Path> all;
     dir::listFullPathRecursive(top, all, true);
     EXPECT_THAT(all, UnorderedElementsAre(top / "z", top / "z/file", top / "z/sub", top / "z/sub/loop",
@@ -189,33 +186,33 @@ TEST_F(Operations, ListFullPathRecursiveWalksLoopsOnceAndRemoveFollowsNoLink)
     dir::listFullPathRecursive(top, chosen, [](const Path& path) { return path.fileName() == "loop"; });
     EXPECT_THAT(chosen, UnorderedElementsAre(top / "z/sub/loop"));
     dir::remove(top);
-    EXPECT_TRUE(!dir::isDirectory(top) && file::exists(dir / "outside/kept"));
+    EXPECT_TRUE(!dir::isDirectory(top) && file::exists(m_dir / "outside/kept"));
 }
 
 TEST_F(Operations, CopyTreeKeepsLinksModesAndWhatIsThere)
 {
-    dir::make(dir / "t/sub", true);
-    dir.file("t/sub/file", "f");
-    file::symlink("sub/file", dir / "t/link");
-    ASSERT_EQ(::chmod((dir / "t/sub").c_str(), 0700), 0);
-    dir::make(dir / "t2", false); // begins with the same letters, lies beside it
-    dir.file("t2/own", "o");
-    dir::copy(dir / "t", dir / "t2");
-    EXPECT_EQ(contentOf(dir / "t2/sub/file") + contentOf(dir / "t2/own"), "fo");
-    EXPECT_EQ(file::symlinkTarget(dir / "t2/link"), Path("sub/file"));
-    EXPECT_EQ(modeOf(dir / "t2/sub"), 0700U);
-    EXPECT_NE(thrownBy([&] { dir::copy(dir / "t", dir / "t2"); }), "nothing"); // nothing is overwritten
+    dir::make(m_dir / "t/sub", true);
+    m_dir.file("t/sub/file", "f");
+    file::symlink("sub/file", m_dir / "t/link");
+    ASSERT_EQ(::chmod((m_dir / "t/sub").c_str(), 0700), 0);
+    dir::make(m_dir / "t2", false); // begins with the same letters, lies beside it
+    m_dir.file("t2/own", "o");
+    dir::copy(m_dir / "t", m_dir / "t2");
+    EXPECT_EQ(contentOf(m_dir / "t2/sub/file") + contentOf(m_dir / "t2/own"), "fo");
+    EXPECT_EQ(file::symlinkTarget(m_dir / "t2/link"), Path("sub/file"));
+    EXPECT_EQ(modeOf(m_dir / "t2/sub"), 0700U);
 
-    file::symlink(dir / "t", dir / "link");
+    file::symlink(m_dir / "t", m_dir / "link");
     const auto refusesInside = [&](const Path& a, const Path& b) { // a copy would never end
         EXPECT_EQ(thrownBy([&] { dir::copy(a, b); }),
             posix("Copying " + q(a) + " -> " + q(b) + " failed - destination lies inside the source", EINVAL));
     };
-    for (const std::string& inside : {dir / "t", dir / "t/sub/new", dir / "link/new"}) refusesInside(dir / "t", inside);
+    for (const std::string& inside : {m_dir / "t", m_dir / "t/sub/new", m_dir / "link/new"})
+        refusesInside(m_dir / "t", inside);
     EXPECT_TRUE(inChild([&] {
-        std::filesystem::current_path(dir / "t");
+        std::filesystem::current_path(m_dir / "t");
         refusesInside(".", "sub/new");
-        dir::remove(dir / "t");
+        dir::remove(m_dir / "t");
         return !HasFailure() && thrownBy([] { dir::working(); }) == posix("stat64(\".\") failed", ENOENT);
     }));
 }
@@ -233,7 +230,7 @@ TEST_F(Operations, TempIsTheFirstVariableThatIsNotEmpty)
 
 TEST_F(Operations, WritersReplaceOrAppend)
 {
-    const std::string file = dir.file("file", "old and longer");
+    const std::string file = m_dir.file("file", "old and longer");
     truncateAndWrite(m_log.logger(), file, "new");
     BufferToFile(file, "0123456789", "a", 2, 3, '\n');
     BufferToFile(file, "0123456789", "a", 99, 3);

@@ -1,8 +1,6 @@
 #include "agent/ScopeExit.h"
 #include "Support.h"
 
-#include <exception>
-
 namespace {
 
 // Leaves a scope whose action throws; tells what the hook heard and what came out.

@@ -149,12 +149,6 @@ TEST_F(HttpTest, FailsWithLibcurlsCode)
     EXPECT_EQ(curlCodeOf([&] { get(http(), url(silent), 1s); }), CURLE_OPERATION_TIMEDOUT);
     EXPECT_EQ(thrownBy([&] { get(http(), "http://127.0.0.1:1/"); }),
         std::string("runtime: ") + CURLError("Curl error", CURLE_COULDNT_CONNECT).what());
-
-    const CurlHelper nobody(m_config, true, true, "", {});
-    m_response = "from before";
-    EXPECT_THROW(
-        nobody.getRequestWithBasicAuth("http://h", m_response, m_log.logger(), {}, {}, 1s), std::bad_function_call);
-    EXPECT_EQ(m_response, "") << "emptied first";
 }
 
 TEST_F(HttpTest, ChecksServersAndShowsItself)
@@ -209,7 +203,6 @@ TEST_F(HttpTest, TracesTextsButNoSecrets)
             Case{0, "no authorization\nUses 'u:p@ss@h'", "CURLINFO_TEXT: no authorization\nUses '<redacted>@h'"},
             Case{0, "subject: O=L'Air; CN=h; mail=a@h", "CURLINFO_TEXT: subject: O=L'Air; CN=h; mail=a@h"},
             Case{1, "header", ""},
-            Case{6, "tls", ""},
         }) {
         CapturingLogger log;
         std::string data = text;

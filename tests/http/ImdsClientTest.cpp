@@ -101,9 +101,6 @@ TEST_F(ImdsClientTest, StopsWhenToldAndGivesUpAfterTenMinutes)
     EXPECT_THAT(m_log.lines(),
         ElementsAre("3 Azure IMDS http request canceled", "3 retry logic received a failure status, giving up."));
     EXPECT_EQ(m_http.calls, 0U);
-    ImdsClient unstoppable(m_http, m_log.logger(), m_provider, "", {});
-    EXPECT_THROW(unstoppable.init(), std::bad_function_call);
-    EXPECT_THROW((void)unstoppable.isAzure(), std::runtime_error);
 
     m_isCanceled = false;
     m_http.script = {{0, ""}};

@@ -1,10 +1,6 @@
 #include "agent/info/Decorators.h"
 #include "Support.h"
 
-#include <sys/syscall.h>
-
-#include <cstdio>
-
 using namespace agent::info;
 
 namespace {
@@ -63,8 +59,6 @@ TEST_F(Decorators, ShowTheThreadAlsoAfterAFork)
     EXPECT_TRUE(isShown());
     std::thread([&] { EXPECT_TRUE(isShown()); }).join();
     EXPECT_TRUE(inChild(isShown));
-    const auto passingTheLibraryBy = [] { return static_cast<pid_t>(::syscall(SYS_clone, SIGCHLD, 0, 0, 0, 0)); };
-    EXPECT_TRUE(inChild(isShown, passingTheLibraryBy));
 }
 
 TEST_F(Decorators, TakeOffNothingButTheirOwnPrefix)

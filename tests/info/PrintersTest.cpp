@@ -47,11 +47,6 @@ TEST_F(Printers, HandMessagesOn)
     std::cout.clear();
     std::cout.width(0);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "no newline, more");
-
-    const Logger::Printer nobody;
-    EXPECT_THROW(DecoratedPrinter(tag, nobody)("x", Logger::INFO, kWhen), std::bad_function_call);
-    EXPECT_THROW(FilteredPrinter({}, recorder("a"))("x", Logger::INFO, kWhen), std::bad_function_call);
-    EXPECT_THROW(MultiPrinter({nobody})("x", Logger::INFO, kWhen), std::bad_function_call);
 }
 
 TEST_F(Printers, TheFailsafeStopsAtTheFirstThatPrints)

@@ -4,7 +4,6 @@
 #include <arpa/inet.h>
 #include <ifaddrs.h>
 #include <netpacket/packet.h>
-#include <sys/syscall.h>
 #include <sys/utsname.h>
 
 namespace {

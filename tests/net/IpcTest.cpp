@@ -1,8 +1,6 @@
 #include "Support.h"
 #include "agent/transport/ipc/UnixIpcSocket.h"
 
-#include <numeric>
-
 using namespace agent::transport::ipc;
 
 namespace {
@@ -29,9 +27,10 @@ struct IpcTest : FileFixture {
 TEST_F(IpcTest, TalksToAnotherProcessUntilThatEnds)
 {
     (void)std::signal(SIGPIPE, SIG_DFL);
-    std::vector<int> all(256);
-    std::iota(all.begin(), all.end(), 0);
-    const auto inherited = [&] { return std::ranges::count(all, 0, [](int fd) { return ::fcntl(fd, F_GETFD); }); };
+    auto inherited = [count = 0]() mutable {
+        for (int fd = count = 0; fd < 256; ++fd) count += ::fcntl(fd, F_GETFD) == 0 ? 1 : 0;
+        return count;
+    };
     const auto before = inherited();
     const auto listening = server();
     const pid_t child = ::fork();

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,7 +22,6 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -133,9 +133,9 @@ protected:
 };
 
 /// Runs the action in a forked process; true if it returned true there and the process ended well.
-inline bool inChild(const std::function<bool()>& action, pid_t (*fork)() = ::fork)
+inline bool inChild(const std::function<bool()>& action)
 {
-    const pid_t child = fork();
+    const pid_t child = ::fork();
     if (child == 0) ::_exit(action() ? 0 : 1);
     int status = -1;
     ::waitpid(child, &status, 0);

@@ -34,18 +34,22 @@ public:
 
     void update(unsigned long n) { m_uncounted.fetch_add(n, kRelaxed); }
 
-    void tick()
+    /// @return  whether it moved the average, or might have
+    bool tick()
     {
         const std::uint64_t count = m_uncounted.exchange(0, kRelaxed);
         const double instantRate = static_cast<double>(count) / static_cast<double>(m_interval);
         if (!m_isInitialized.load(kRelaxed)) {
             m_rate.store(instantRate, kRelaxed);
             m_isInitialized.store(true, kRelaxed);
-            return;
+            return true;
         }
-        // Dropped, not retried, if another thread was faster.
         double rate = m_rate.load(kRelaxed);
-        (void)m_rate.compare_exchange_strong(rate, rate + m_alpha * (instantRate - rate), kRelaxed);
+        const double moved = rate + m_alpha * (instantRate - rate);
+        if (count == 0 && moved == rate) return false; // has decayed as far as a double can
+        // Dropped, not retried, if another thread was faster.
+        (void)m_rate.compare_exchange_strong(rate, moved, kRelaxed);
+        return true;
     }
 
     double rate() const { return m_rate.load(kRelaxed); }
@@ -79,12 +83,16 @@ public:
         const std::chrono::nanoseconds age = now - last;
         if (age <= kTick) return;
         if (!m_lastTick.compare_exchange_strong(last, now - age % kTick, kRelaxed)) return; // another thread does it
-        for (auto ticks = age / kTick; ticks > 0; --ticks) tick();
+        // After a tick that moves nothing none will: months of silence are not replayed second by second.
+        for (auto ticks = age / kTick; ticks > 0 && tick(); --ticks) continue;
     }
 
-    void tick()
+    /// @return  whether any average moved, or might have
+    bool tick()
     {
-        for (Ewma* const average : all()) average->tick();
+        bool isMoved = false;
+        for (Ewma* const average : all()) isMoved = average->tick() || isMoved;
+        return isMoved;
     }
 
     std::uint64_t getCount() const { return m_count.load(kRelaxed); }

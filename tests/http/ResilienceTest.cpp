@@ -147,6 +147,8 @@ TEST_F(ResilienceTest, MetersTickInWholeSeconds)
     EXPECT_NEAR(meter.getRate5Sec(), 10 * std::exp(-2.4), 1e-9) << "the grid stands";
     EXPECT_EQ(meter.getElapsedDuration(), 4s + 1ns);
     EXPECT_DOUBLE_EQ(meter.getRateMean(), 10e9 / (4e9 + 1));
+    m_clock.now += 2h; // in which the fastest average comes to rest
+    EXPECT_NEAR(meter.getRate15Min(), 10 * std::exp(-7203 / 900.0), 1e-12);
 
     MeterMetric hourly("wraps", 1h);
     hourly.mark(1UL << 62);

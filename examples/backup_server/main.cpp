@@ -51,17 +51,9 @@ void serve(const Options& options, Logger& logger)
     }
 }
 
-} // namespace
-
-} // namespace backup
-
-int main(int argc, char** argv)
+/// Reads the command line and serves. Returns the exit status.
+int run(int argc, char** argv)
 {
-    using namespace backup;
-    // A client that is gone, or a file that may not grow, is an error like any other.
-    for (const int signal : {SIGPIPE, SIGXFSZ}) (void)std::signal(signal, SIG_IGN);
-    (void)::umask(S_IRWXG | S_IRWXO); // images are nobody else's business
-
     Options options;
     CLI::App app{"Receives backups on 127.0.0.1 over TLS and keeps one replica up to date."};
     app.add_option("--port", options.port, "port to listen on; 0: any, which is printed")->capture_default_str();
@@ -73,12 +65,26 @@ int main(int argc, char** argv)
     app.add_flag("--once", options.once, "serve one client, and end with status 2 if that fails");
     try {
         app.parse(argc, argv);
-        const LogPrinter printer(options.log);
-        Logger logger = printer.makeLogger();
-        serve(options, logger);
-        return EXIT_SUCCESS;
     } catch (const CLI::ParseError& e) {
         return app.exit(e) == 0 ? EXIT_SUCCESS : 2;
+    }
+    const LogPrinter printer(options.log);
+    Logger logger = printer.makeLogger();
+    serve(options, logger);
+    return EXIT_SUCCESS;
+}
+
+} // namespace
+
+} // namespace backup
+
+int main(int argc, char** argv)
+{
+    // A client that is gone, or a file that may not grow, is an error like any other.
+    for (const int signal : {SIGPIPE, SIGXFSZ}) (void)std::signal(signal, SIG_IGN);
+    (void)::umask(S_IRWXG | S_IRWXO); // images are nobody else's business
+    try {
+        return backup::run(argc, argv);
     } catch (const std::exception& e) {
         std::cerr << "backup_server: " << e.what() << '\n';
         return 2;

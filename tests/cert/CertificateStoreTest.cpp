@@ -114,6 +114,7 @@ TEST_F(StoreTest, ThumbFilesHoldFortyDigitsAndNothingElse)
         EXPECT_EQ(lines.back(), "1 " + text);
     }
     EXPECT_EQ(thumbprint.str(), good) << "as it was";
+    thumbprint.remove(); // the path stays
 }
 
 } // namespace

@@ -99,6 +99,10 @@ TEST_F(CertificateTest, VerifiesAClientAgainstTheLocalChain)
         EXPECT_EQ(client.gnutlsCertificateVerify(local, status, errors), expected.size() > 1) << why;
         EXPECT_EQ(errors, expected) << why;
     }
+    unsigned int status = 0;
+    std::vector<std::string> errors;
+    EXPECT_TRUE(Certificate(m_log.logger()).gnutlsCertificateVerify(local, status, errors)) << "nothing to verify";
+    EXPECT_THAT(errors, ElementsAre("Internal error - failed to verify client cert against local certificate"));
 }
 
 std::string signedBy(const Identity& identity, const std::string& text)
@@ -131,6 +135,8 @@ TEST_F(CertificateTest, VerifiesPairTickets)
     EXPECT_EQ(thrownBy([&] { verify(60, 90); }),
         "runtime: Error occurred verifying certificate data: Local certificate is not yet activated. Verify that "
         "system time is accurate.");
+    EXPECT_EQ(thrownBy([&] { (void)Certificate(m_log.logger()).gnutlsCertificateVerifyData(0, nullptr, nullptr); }),
+        "runtime: Internal error occurred verifying certificate data: uninitialized certificate");
 }
 
 // Both ends of a GnuTLS session over a pair of sockets; the client trusts nobody, which is not looked at.

@@ -225,6 +225,7 @@ TEST_F(Operations, TempIsTheFirstVariableThatIsNotEmpty)
     ::setenv("TMP", "/2/", 1);
     ::setenv("TMPDIR", "", 1);
     EXPECT_EQ(dir::temp(), Path("/2"));
+    EXPECT_EQ((::setenv("TMPDIR", "/1", 1), dir::temp()), Path("/1"));
     for (const char* const name : {"TMPDIR", "TMP", "TEMPDIR"}) ::unsetenv(name);
 }
 

@@ -79,8 +79,9 @@ protected:
 
 TEST_F(FipsTest, EventsReachEveryCallback)
 {
-    const auto previous = [](const OSSL_PARAM* /*params*/, void* /*argument*/) { return 7; };
-    ::OSSL_SELF_TEST_set_callback(nullptr, previous, nullptr);
+    const auto previous = [](const OSSL_PARAM* /*params*/, void* argument) { return *static_cast<int*>(argument); };
+    int seven = 7;
+    ::OSSL_SELF_TEST_set_callback(nullptr, previous, &seven);
     auto events = m_events(nullptr);
     std::string seen;
     int refusal = 0;                   // 1: false, 2: an exception
@@ -112,11 +113,13 @@ TEST_F(FipsTest, TheModuleStandsOrFallsWithItsTest)
 {
     CapturingLogger other;
     OpenSSLProvider fips(other.logger(), "fips", nullptr);
-    EXPECT_EQ(thrownBy([&] { fips.unload(); }), "runtime: OpenSSL provider is not loaded: fips");
+    const std::string notLoaded = "runtime: OpenSSL provider is not loaded: fips";
+    EXPECT_EQ(thrownBy([&] { fips.load(), fips.unload(), fips.unload(); }), notLoaded);
+    EXPECT_EQ(thrownBy([&] { fips.selfTest(); }), notLoaded);
     fips.load(); // as the machine's configuration might
     EXPECT_EQ(thrownBy([&] { fips.load(); }), "runtime: OpenSSL provider is already loaded: fips");
     EXPECT_THAT(thrownBy([&] { OpenSSLProvider(other.logger(), "missing", nullptr).load(); }),
-        MatchesRegex("runtime: Failed to load OpenSSL provider \"missing\":\n(" + kError + "\n)+"));
+        MatchesRegex("runtime: Failed to load OpenSSL provider \"missing\":\n(" + kError + "\n){2,}"));
     auto module = make(m_events, m_providers);
     EXPECT_TRUE(module->isLoaded());
     m_corrupt = "AES; SHA2 ";
@@ -154,13 +157,16 @@ TEST_F(FipsTest, TheMachineDecides)
 {
     EXPECT_EQ(thrownBy([&] { make(m_events, nullptr); }),
         "invalid argument: OpenSSL provider and self-test events factories should not be null");
-    const auto inert = make(m_events, m_providers);
-    EXPECT_EQ(thrownBy([&] { inert->selfTest(); }), "runtime: FIPS module is not loaded");
+    int available = 0;
+    FipsModule inert(m_log.logger(), *this, m_events, m_providers, [&](auto...) { return available; });
+    EXPECT_EQ(thrownBy([&] { inert.selfTest(); }), "runtime: FIPS module is not loaded");
     filesystem::FileStreamFactory files;
     auto& unused = reinterpret_cast<core::script::ICommandUtility&>(files);
-    FipsModuleInitializer initializer(m_log.logger(), *this, *inert, unused, files);
+    FipsModuleInitializer initializer(m_log.logger(), *this, inert, unused, files);
     EXPECT_TRUE(initializer.init(false) && m_log.lines().empty());
     EXPECT_FALSE(initializer.init(true));
+    available = 2;
+    EXPECT_TRUE(initializer.init(true));
     EXPECT_THAT(m_log.lines(), ElementsAre("1 FIPS mode is not supported by this agent."));
 
     const TempDir directory;

@@ -21,7 +21,7 @@ struct ScriptedHttp : CurlHelper {
     long getRequest(const std::string& url, std::string& response, info::Logger& /*logger*/,
         const std::vector<std::string>& headers, std::chrono::seconds timeout) const override
     {
-        EXPECT_EQ(url, "http://169.254.169.254/metadata/instance?api-version=2020-06-01");
+        EXPECT_EQ(url, expectedUrl);
         EXPECT_THAT(headers, ElementsAre("Metadata: true"));
         EXPECT_EQ(timeout, 2s);
         const auto& [status, text] = script[std::min(calls++, script.size() - 1)];
@@ -29,6 +29,7 @@ struct ScriptedHttp : CurlHelper {
         response = text;
         return status;
     }
+    std::string expectedUrl = "http://169.254.169.254/metadata/instance?api-version=2020-06-01";
     std::vector<Answer> script;
     mutable std::size_t calls = 0;
 };
@@ -82,7 +83,8 @@ TEST_F(ImdsClientTest, JudgesAnswers)
          }) {
         m_http.script = script;
         m_http.calls = 0;
-        ImdsClient client(m_http, m_log.logger(), m_provider, "", [] { return false; });
+        m_http.expectedUrl = "http://other/";
+        ImdsClient client(m_http, m_log.logger(), m_provider, "http://other/", [] { return false; });
         EXPECT_EQ(client.init(), data == json::parse(kIds).dump()) << why;
         EXPECT_EQ(client.subscriptionId(), client.isAzure() ? "s" : "") << why;
         EXPECT_EQ(m_http.calls, calls) << why;
@@ -108,13 +110,16 @@ TEST_F(ImdsClientTest, StopsWhenToldAndGivesUpAfterTenMinutes)
     const auto slept = std::accumulate(m_clock.sleeps.begin(), m_clock.sleeps.end(), nanoseconds(0));
     EXPECT_GT(slept, 580s);
     EXPECT_LE(slept, 600s);
+    for (std::size_t i = 0; const nanoseconds least : {500ms, 750ms, 1125ms, 1687ms, 2531ms})
+        EXPECT_THAT(m_clock.sleeps[i++] - least, AllOf(testing::Ge(0s), testing::Le(250ms)));
+    const std::string open = "3 Azure IMDS http request failed due to open circuit breaker: error: breaker was opened ";
+    EXPECT_THAT(m_log.lines(), Contains(StartsWith(open)).Times(1)) << "after the fifth failure, before 3 s are over";
     EXPECT_THAT(m_log.lines(), Contains("3 Azure IMDS http request failed: unplugged").Times(testing::Gt(50)));
     EXPECT_THAT(m_log.lines(), Contains("3 exceeded retry time of 600000 ms, giving up."));
 
     m_client.setRetryMethod(std::make_unique<RegularIntervalRetry>(m_log.logger(), 1, 5, 0));
-    (void)m_client.init(); // the breaker is open by now
-    EXPECT_THAT(m_log.lines(), Contains(StartsWith("3 Azure IMDS http request failed due to open "
-                                                   "circuit breaker: error: breaker was opened ")));
+    EXPECT_FALSE(m_client.init());
+    EXPECT_EQ(m_log.lines().back(), "3 regular interval retry method exceeded retry count of 5");
 }
 
 } // namespace

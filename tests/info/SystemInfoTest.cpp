@@ -66,9 +66,12 @@ TEST_F(SystemInfo, AsksTheKernel)
         EXPECT_EQ(testing::PrintToString(n) + rest, expected);
     }
     EXPECT_EQ(m_info.getOSArchitectureBitSize(), 32U) << "of an unknown machine";
+    std::string_view("x86_64").copy(g_names.machine, 6);
+    EXPECT_EQ(m_info.getOSArchitecture() + std::to_string(m_info.getOSArchitectureBitSize()), "x86_6464");
+    EXPECT_EQ(m_info.getHostName() + '\n', contentOf("/proc/sys/kernel/hostname"));
+    EXPECT_EQ(m_info.getRAM() / static_cast<unsigned long>(::sysconf(_SC_PAGESIZE)), ::sysconf(_SC_PHYS_PAGES));
     for (int i = 0; i < 2; ++i) EXPECT_THAT(m_info.getUserHomeDirs(), Contains(Path("/root")));
     EXPECT_EQ(thrownBy([&] { m_info.getServices(); }), "runtime: getServicesis not implemented.");
-    EXPECT_EQ(thrownBy([&] { m_info.getGPUInfo(); }), "runtime: getGPUInfo is not implemented.");
 }
 
 TEST_F(SystemInfo, ReadsFiles)
@@ -89,9 +92,11 @@ TEST_F(SystemInfo, ReadsFiles)
         m_info.getCPUMicroarchitectureInfo().dump(), R"({"familyId":25,"modelId":17,"stepping":1,"vendorId":"V"})");
     put("/proc/cpuinfo", "cpu MHz\t: fast\n");
     EXPECT_EQ(thrownBy([this] { m_info.getCPUSpeed(); }), "runtime: Unable to read /proc/cpuinfo");
-    put("/sys/class/dmi/id/product_name", "name\nsecond\n");
+    for (const std::string name : {"name", "serial", "uuid"})
+        put("/sys/class/dmi/id/product_" + name, name + "\n2nd\n");
     g_files["/sys/class/dmi/id/sys_vendor"] = "/no/such";
-    EXPECT_EQ(m_info.getSMBIOSName() + m_info.getSMBIOSVendor(), "name");
+    EXPECT_EQ(m_info.getSMBIOSName() + m_info.getSMBIOSVendor() + m_info.getSMBIOSID() + m_info.getSMBIOSUUID(),
+        "nameserialuuid");
 }
 
 TEST_F(SystemInfo, ListsNetworkAddresses)

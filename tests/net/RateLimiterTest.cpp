@@ -82,7 +82,7 @@ TEST(RateLimiter, TakesTheLowerRateAndEndsWithTheFirstError)
 
     manager.maximum = 0; // would wait for ever
     int calls = 0;
-    const auto fail = [&](auto, auto) { return ++calls < 3 ? Ret() : vnt::common::RetNoLog(32, "broken"); };
+    const auto fail = [&](auto, auto) { return ++calls < 3 ? Ret() : vnt::common::RetNoLog(-1, "broken"); };
     EXPECT_EQ(limiter.write(nullptr, 100, fail).message, "broken");
     EXPECT_EQ(calls, 3);
 }

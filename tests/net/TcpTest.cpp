@@ -8,6 +8,7 @@
 #include <arpa/inet.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 
 namespace {
 
@@ -65,6 +66,7 @@ TEST_F(TcpTest, ConnectsAndLetsGo)
     EXPECT_EQ(connector.sockOpts(60, 5, 10).code, 0);
     EXPECT_EQ(option(IPPROTO_TCP, TCP_USER_TIMEOUT), 110'000);
     EXPECT_EQ(option(IPPROTO_TCP, TCP_KEEPINTVL) * 10 + option(IPPROTO_TCP, TCP_KEEPCNT), 105);
+    EXPECT_EQ(option(IPPROTO_TCP, TCP_KEEPIDLE), 60);
 
     const int taken = connector.fd();
     connector.clear();
@@ -80,8 +82,11 @@ TEST_F(TcpTest, TellsWhyThereIsNoConnection)
     EXPECT_THAT(connect("-", m_port), HasSubstr(" Unable to gethostbyname for: -, h_errno "));
     EXPECT_EQ(connect("127.0.0.1", 1), "115 Unable to check connect to host 127.0.0.1, so_error 111.");
     TCPConnector late("127.0.0.1", m_port, 1s);
+    const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(
         told(late.connect()), "110 Unable to connect to host 127.0.0.1, timed out waiting for connection 1 seconds.");
+    EXPECT_TRUE(errno == ETIMEDOUT && std::chrono::steady_clock::now() - start >= 1s);
+    EXPECT_EQ((late.close(), late.fd()), 0);
     EXPECT_TRUE(inChild([&] {
         ::close(0); // the socket would be number 0, which means none
         const bool isRefused = connect("127.0.0.1", m_port).find(" Unable to set socket nonblocking: errno: ") < 5;
@@ -102,7 +107,9 @@ TEST_F(TcpTest, ReadsAndWrites)
         (void)std::signal(SIGPIPE, SIG_DFL);
         int pipe[2] = {::shutdown(m_pair[0], SHUT_WR), 0};
         const bool sent = SocketIo::write(m_pair[0], 1s, 5, "hello").code == 0 && ::pipe(pipe) == 0;
-        return sent && SocketIo::write(pipe[1], 1s, 5, "hello").code == 0; // a pipe is no socket
+        (void)SocketIo::write(pipe[1], 1s, 5, "hello"); // a pipe is no socket
+        const bool came = sent && ::read(pipe[0], m_buffer, 5) == 5 && ::close(pipe[0]) == 0;
+        return came && SocketIo::write(pipe[1], 1s, 5, "hello").code == 0;
     }));
     ::close(std::exchange(m_pair[1], -1));
     errno = 0;
@@ -115,13 +122,20 @@ TEST_F(TcpTest, TimesOutInBothDirectionsWithTheSameWords)
 {
     const auto start = std::chrono::steady_clock::now();
     const std::string timedOut = "110 Socket read timeout after 1 seconds";
-    EXPECT_EQ(read(), timedOut);
+    EXPECT_TRUE(read() == timedOut && errno == ETIMEDOUT);
     EXPECT_GE(std::chrono::steady_clock::now() - start, 2s) << "whole seconds must exceed the time-out";
     (void)std::signal(SIGALRM, [](int) {});
-    ::ualarm(100'000, 0);
-    EXPECT_EQ(read(), "4 poll failed for read, errno: 4") << "only writing goes on after a signal";
+    const itimerval later{{0, 0}, {1, 500'000}};
+    ::setitimer(ITIMER_REAL, &later, nullptr); // 0 is no time-out
+    EXPECT_EQ(told(SocketIo::read(m_pair[0], 0s, m_length, m_buffer)), "4 poll failed for read, errno: 4");
     const std::vector<char> large(10'000'000); // more than the sockets hold
+    ::ualarm(100'000, 0);                      // only writing goes on after a signal
     EXPECT_EQ(told(SocketIo::write(m_pair[0], 1s, 10'000'000, large.data())), timedOut);
+    std::thread slow([&, piece = std::vector<char>(40'000)]() mutable { // is no silent peer
+        for (int i = 0; i < 50; ++i, std::this_thread::sleep_for(70ms)) (void)::read(m_pair[1], piece.data(), 40'000);
+    });
+    EXPECT_EQ(SocketIo::write(m_pair[0], 1s, 1'500'000, large.data()).code, 0);
+    slow.join();
 }
 
 TEST(IpEndpoint, ReadsHostAndPort)
@@ -136,6 +150,7 @@ TEST(IpEndpoint, ReadsHostAndPort)
         const std::string thrown = thrownBy([&, &pair = text] { endpoint.hostPortPair(pair); });
         EXPECT_EQ(endpoint.host() + ' ' + std::to_string(endpoint.port()) + ' ' + thrown, expected);
     }
+    EXPECT_EQ(IpEndpoint("h").port(), 0U);
 }
 
 TEST(IPUtils, ResolvesAndPrints)

@@ -69,6 +69,7 @@ TEST_F(AsyncServiceTest, RunsWhenAsked)
     service.stop();
     EXPECT_EQ(outcomeOf(std::move(late)), "broken");
     service.start(); // again
+    std::this_thread::sleep_for(50ms);
     EXPECT_EQ(outcomeOf(service.triggerRun()), "nothing");
     EXPECT_EQ(m_work->runs, 2) << "once a trigger, and not at the start";
 }

@@ -53,6 +53,7 @@ using CommandStream = FileFixture;
 TEST_F(CommandStream, TellsStatusAndOutput)
 {
     const auto sigpipe = std::signal(SIGPIPE, SIG_IGN);
+    const int inheritable = ::dup(0);
     for (const auto& [command, expected] : std::vector<std::pair<std::string, std::string>>{
              {"echo a; echo b >&2; echo c", "0 a\nb\nc\n"}, {"exit 255", "255 "}, {"kill -9 $$", "9 "},
              {"head -c 300000 /dev/zero | tr '\\0' x", "0 " + std::string(300'000, 'x')}, // more than a pipe holds
@@ -62,6 +63,7 @@ TEST_F(CommandStream, TellsStatusAndOutput)
              {"test $(cut -d' ' -f6 /proc/$$/stat) = $$", "0 "}, // leads its session
          })
         EXPECT_EQ(run(command), expected);
+    ::close(inheritable);
     (void)std::signal(SIGPIPE, sigpipe);
     EXPECT_EQ(run("pwd", "/proc"), "0 /proc\n");
     EXPECT_EQ(run("pwd", "/no/such"), "1 chdir: No such file or directory\n");
@@ -74,20 +76,21 @@ TEST_F(CommandStream, TellsStatusAndOutput)
 
 TEST_F(CommandStream, GoesFromRunningToFinished)
 {
-    auto stream = start("printf a; exit 3");
+    auto stream = start("printf a%300s; exit 3");
     char c = 'z';
     EXPECT_TRUE(stream.getChar(c) && c == 'a' && !stream.eof());
-    EXPECT_TRUE(!stream.getChar(c) && c == 0 && stream.eof());
     while (!stream.done()) ::usleep(1000);
     EXPECT_FALSE(stream.finished()) << "asking does not collect";
+    std::string out;
+    EXPECT_TRUE(stream.getNext(out) && out.size() == 300) << "all that is there";
+    EXPECT_TRUE(!stream.getChar(c) && c == 0 && stream.eof());
     EXPECT_EQ(stream.finish(), 3);
     EXPECT_TRUE(stream.finished() && stream.done() && stream.finish() == 0);
 
     auto unread = start("echo x; exec sleep 60", true, false);
-    std::string out = "kept";
     microseconds timeout = 5us;
     EXPECT_FALSE(unread.wait(timeout) || unread.getChar(c = 'z') || unread.getNext(out) || unread.done());
-    EXPECT_TRUE(timeout == 5us && c == 'z' && out == "kept");
+    EXPECT_TRUE(timeout == 5us && c == 'z' && out.size() == 300);
     unread.kill();
     EXPECT_EQ(unread.finish(), SIGKILL);
 
@@ -142,6 +145,7 @@ TEST_F(CommandStream, ReportsFailedCalls)
     ::close(next);
     auto stream = start("exit 0");
     ::waitpid(-1, nullptr, 0); // behind its back
+    EXPECT_EQ(::fcntl(next, F_GETFD), FD_CLOEXEC);
     EXPECT_EQ(thrownBy([&] { stream.finish(); }), posix("waitpid failed!", ECHILD));
     EXPECT_EQ(thrownBy([&] { (void)stream.done(); }), posix("waitid failed!", ECHILD));
     EXPECT_EQ(thrownBy([&] { stream.kill(); }), posix("kill failed!", ESRCH));

@@ -7,13 +7,6 @@
 #include <cstdlib>
 #include <locale>
 
-// The C library keeps the text of LOCPATH for good.
-extern "C" const char* __lsan_default_suppressions(); // NOLINT(bugprone-reserved-identifier,cert-*)
-extern "C" const char* __lsan_default_suppressions()
-{
-    return "leak:argz_add_sep";
-} // NOLINT(bugprone-*,cert-*)
-
 int main(int argc, char** argv)
 {
     if (const char* const name = std::getenv("AGENTKIT_TEST_LOCALE")) {

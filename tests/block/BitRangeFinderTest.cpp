@@ -5,8 +5,6 @@
 
 #include <cstring>
 
-namespace {
-
 using Ranges = std::vector<BlockRange>;
 
 // What is found in maps of all sizes and kinds is compared with a walk bit by bit in fuzz/BitmapFuzz.cpp, which
@@ -63,5 +61,3 @@ TEST(BitRangeFinderFactory, MakesFindersThatRefuseBadArguments)
     EXPECT_EQ(refusal(Factory::U64, nullptr), bad + "usage map pointer passed to findRanges function");
     EXPECT_EQ(refusal(2, map.data()), "runtime: Unknown bit range finder type");
 }
-
-} // namespace

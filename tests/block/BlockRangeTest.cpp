@@ -1,8 +1,6 @@
 #include "agent/BlockRange.h"
 #include "Support.h"
 
-namespace {
-
 TEST(BlockRange, SortsByStartAndTheLongerFirstAndOverlapsOneSidedly)
 {
     const BlockRange longer(3, 5);
@@ -67,5 +65,3 @@ TEST(PowersOfTwo, AreFoundRoundedUpToAndUsedAsBlockSizes)
         EXPECT_EQ(adjustBlockSizeSoBlockCountFitsInto32Bits(total, size), expected) << total << ' ' << size;
     EXPECT_THROW(adjustBlockSizeSoBlockCountFitsInto32Bits(1UL << 63, 512), std::runtime_error);
 }
-
-} // namespace

@@ -4,8 +4,6 @@
 
 #include <random>
 
-namespace {
-
 const bool kHasInstruction = static_cast<bool>(__builtin_cpu_supports("sse4.2"));
 
 TEST(Crc32c, GivesThePublishedValues)
@@ -56,5 +54,3 @@ TEST(BufferChecksumGenerator, IsMadeByType)
     EXPECT_FALSE(BufferChecksumGeneratorGCryptCRC32().generateChecksum(nullptr, 9, checksum));
     EXPECT_EQ(checksum, 7U);
 }
-
-} // namespace

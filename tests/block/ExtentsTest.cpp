@@ -46,8 +46,6 @@ extern "C" AGENTKIT_API int fstat64(int fd, struct stat64* status) noexcept
 }
 using namespace agent::core::block;
 
-namespace {
-
 using Ranges = std::vector<BlockRange>;
 
 struct Extents : FileFixture {
@@ -120,5 +118,3 @@ TEST_F(Extents, FailWithTheirOwnWords)
     EXPECT_EQ(g_script->requests, 1) << "no memory is asked for that the kernel would not fill";
     EXPECT_EQ(thrownBy([&] { extents(m_log.logger(), m_file, 0, m_out); }).substr(0, 17), "invalid argument:");
 }
-
-} // namespace

@@ -5,8 +5,6 @@
 #include "agent/SSLCertificateThumbprint.h"
 #include "agent/file/Operations.h"
 
-namespace {
-
 struct StoreTest : FileFixture {
     const std::string m_thumbFile = m_dir / "thumb";
     const FileCertificateStoreDescriptor m_files{m_dir / "cert", m_dir / "key", m_dir / "chain", m_thumbFile};
@@ -116,5 +114,3 @@ TEST_F(StoreTest, ThumbFilesHoldFortyDigitsAndNothingElse)
     EXPECT_EQ(thumbprint.str(), good) << "as it was";
     thumbprint.remove(); // the path stays
 }
-
-} // namespace

@@ -4,8 +4,6 @@
 #include "agent/DistinguishedName.h"
 #include "agent/GnuTlsError.h"
 
-namespace {
-
 constexpr const char* kComment = "2.16.840.1.113730.1.13";
 
 TEST(DistinguishedName, IsTakenApart)
@@ -105,7 +103,7 @@ TEST_F(CertificateTest, VerifiesAClientAgainstTheLocalChain)
     EXPECT_THAT(errors, ElementsAre("Internal error - failed to verify client cert against local certificate"));
 }
 
-std::string signedBy(const Identity& identity, const std::string& text)
+static std::string signedBy(const Identity& identity, const std::string& text)
 {
     const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(), EVP_MD_CTX_free);
     std::string signature(256, '\0');
@@ -196,5 +194,3 @@ TEST_F(CertificateTest, FindsNetscapeComments)
     many.erase(many.begin());
     EXPECT_TRUE(with(many).hasNSComment("abc")) << "the 100th";
 }
-
-} // namespace

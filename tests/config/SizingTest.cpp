@@ -3,8 +3,6 @@
 #include "agent/CowFileAutoExpand.h"
 #include "agent/CowFileSize.h"
 
-namespace {
-
 using Lines = std::vector<std::string>;
 
 constexpr unsigned long kMiB = 1UL << 20;
@@ -100,5 +98,3 @@ TEST_F(SizingTest, FilesCanKeepTheirSize)
     EXPECT_EQ(refusal([&] { (void)provider.getCustomAutoExpandReservedSpace("on"); }), "reservedSpace is not set");
     EXPECT_EQ(refusal([] { CowFileAutoExpandParamsEnabled(0, 1); }), "stepSizeMiB must be greater than 0");
 }
-
-} // namespace

@@ -58,8 +58,6 @@ AGENTKIT_API int rename(const char* from, const char* to) noexcept
 }
 }
 
-namespace {
-
 using nlohmann::json;
 
 struct StoreTest : FileFixture {
@@ -237,5 +235,3 @@ TEST_F(StoreTest, TelemetryTellsWhatChanged)
     EXPECT_TRUE(nothing.patch.is_null() && !nothing.existed);
     EXPECT_THAT(m_log.lines(), ElementsAre(StartsWith("1 Could not create Telemetry dir: '" + blocked + "'. Error: ")));
 }
-
-} // namespace

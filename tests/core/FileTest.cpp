@@ -1,8 +1,6 @@
 #include "agent/File.h"
 #include "Support.h"
 
-namespace {
-
 constexpr FileOpenMode kReadWrite = FileOpenMode::Read | FileOpenMode::Write;
 
 using FileTest = FileFixture;
@@ -118,5 +116,3 @@ TEST_F(FileTest, FailuresNameTheCallAndTheFile)
     EXPECT_EQ(thrownBy([&] { directory.read(out); }), posix("read(\"" + m_dir.path() + "\") failed", EISDIR));
     EXPECT_EQ(thrownBy([&] { directory.seek(-1, SEEK_SET); }), posix("lseek(\"" + m_dir.path() + "\") failed", EINVAL));
 }
-
-} // namespace

@@ -1,8 +1,6 @@
 #include "agent/Flock.h"
 #include "Support.h"
 
-namespace {
-
 struct FlockTest : FileFixture {
     bool isThere() const { return std::filesystem::exists(m_path); }
     std::string takenBy(const std::string& path) const
@@ -77,5 +75,3 @@ TEST_F(FlockTest, NeverHasTwoOwnersWhileProcessesTakeTurns)
     for (int status = 0; ::wait(&status) > 0;) EXPECT_EQ(status, 0);
     EXPECT_FALSE(isThere());
 }
-
-} // namespace

@@ -26,8 +26,6 @@ extern "C" AGENTKIT_API int open(const char* path, int flags, ...)
     return ::openat(AT_FDCWD, path, flags, mode);
 }
 
-namespace {
-
 struct Operations : FileFixture {
     ~Operations() override { EXPECT_EQ(g_inheritableOpens, 0); }
 
@@ -238,5 +236,3 @@ TEST_F(Operations, WritersReplaceOrAppend)
     EXPECT_EQ(contentOf(file), "new234\n");
     EXPECT_NE(g_opens, 0); // the hook was hit
 }
-
-} // namespace

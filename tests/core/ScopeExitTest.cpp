@@ -1,10 +1,8 @@
 #include "agent/ScopeExit.h"
 #include "Support.h"
 
-namespace {
-
 // Leaves a scope whose action throws; tells what the hook heard and what came out.
-std::string leaveScope(bool byException)
+static std::string leaveScope(bool byException)
 {
     std::string events;
     try {
@@ -41,5 +39,3 @@ TEST(TryIgnoreDeathTest, LogsAStandardExceptionAndEndsTheProcessOnAnyOther)
     EXPECT_DEATH(try_ignore([] { throw 7; }, log.logger()), "");
     EXPECT_EQ(eptr_str({}) + eptr_str(std::make_exception_ptr(7)), "Unknown exception (catch all)");
 }
-
-} // namespace

@@ -4,12 +4,10 @@
 #include "agent/CURLError.h"
 #include "agent/CurlHelper.h"
 
-namespace {
-
 using nlohmann::json;
 
 // One request, as it comes: all of its headers, and as much of a body as they tell of.
-std::string readRequest(int fd)
+static std::string readRequest(int fd)
 {
     std::string request;
     char buffer[1000];
@@ -227,5 +225,3 @@ TEST_F(HttpTest, Downloads)
     EXPECT_THAT(CurlHelper::getVersionInfo(),
         MatchesRegex("libcurl: [0-9.]+.*, SSL: .*, libz: [0-9.]+, Features: SSL HTTP2.*"));
 }
-
-} // namespace

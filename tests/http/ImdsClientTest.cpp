@@ -5,8 +5,6 @@
 
 #include <numeric>
 
-namespace {
-
 using nlohmann::json;
 
 struct Provider : info::SystemInfoProvider {
@@ -121,5 +119,3 @@ TEST_F(ImdsClientTest, StopsWhenToldAndGivesUpAfterTenMinutes)
     EXPECT_FALSE(m_client.init());
     EXPECT_EQ(m_log.lines().back(), "3 regular interval retry method exceeded retry count of 5");
 }
-
-} // namespace

@@ -6,8 +6,6 @@
 
 #include <cmath>
 
-namespace {
-
 using Status = IRetryMethod::RetriableFuncStatus;
 
 struct ResilienceTest : FileFixture {
@@ -170,5 +168,3 @@ TEST(MeterMetric, LosesNoEventOfAnyThread)
     }
     EXPECT_EQ(meter.getCount(), 300'000U);
 }
-
-} // namespace

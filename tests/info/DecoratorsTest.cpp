@@ -3,8 +3,6 @@
 
 using namespace agent::info;
 
-namespace {
-
 using Time = IDecorator::Time;
 
 constexpr Time kWhen = std::chrono::sys_days(std::chrono::May / 1 / 2024) + 10h + 34min + 56s + 789ms;
@@ -97,5 +95,3 @@ TEST_F(Decorators, HaveATagForEachLevelAndNoOther)
     for (int level = 0; level < 5; ++level) EXPECT_EQ(decorate(level), tags[level]);
     for (const int level : {-1, 5}) EXPECT_EXIT((void)decorate(level), testing::KilledBySignal(SIGABRT), "");
 }
-
-} // namespace

@@ -6,8 +6,6 @@
 
 using namespace agent::info;
 
-namespace {
-
 using Time = std::chrono::system_clock::time_point;
 
 constexpr Time kWhen{std::chrono::seconds(1'000'000)};
@@ -77,5 +75,3 @@ TEST(LoggerAdapter, TranslatesLevelsAndAddsTheCode)
     callback(static_cast<loglevel>(7), 5, "ok");
     EXPECT_THAT(log.lines(), ElementsAre("3 ok", "4 closed code: -1", "1 lost code: 12345", "1 ok code: 5"));
 }
-
-} // namespace

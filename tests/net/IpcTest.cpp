@@ -3,8 +3,6 @@
 
 using namespace agent::transport::ipc;
 
-namespace {
-
 using std::chrono::steady_clock;
 
 struct IpcTest : FileFixture {
@@ -118,5 +116,3 @@ TEST_F(IpcTest, FailuresAreToldAndLeakNothing)
     path.resize(path.size() + 1); // a NUL
     EXPECT_EQ(thrownBy([&] { client(); }), "invalid argument: Must provide a proper socket path.");
 }
-
-} // namespace

@@ -4,8 +4,6 @@
 
 using namespace vnt::protocol;
 
-namespace {
-
 using vnt::common::Ret;
 
 constexpr unsigned int kMax = 0xFFFF'FFFF;
@@ -86,5 +84,3 @@ TEST(RateLimiter, TakesTheLowerRateAndEndsWithTheFirstError)
     EXPECT_EQ(limiter.write(nullptr, 100, fail).message, "broken");
     EXPECT_EQ(calls, 3);
 }
-
-} // namespace

@@ -10,12 +10,10 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 
-namespace {
-
 using agent::vnt::SocketIo;
 using ::vnt::common::Ret;
 
-std::string told(const Ret& ret)
+static std::string told(const Ret& ret)
 {
     return std::to_string(ret.code) + ' ' + ret.message;
 }
@@ -169,5 +167,3 @@ TEST(PortRotator, CyclesWithThePreferredPortFirst)
         seen.push_back(ports.getPort(preferred));
     EXPECT_THAT(seen, ElementsAre(1, 2, 3, 1, 2, 1, 3, 2, 1, 9, 1, 2, 3, 9, 0, 1));
 }
-
-} // namespace

@@ -6,8 +6,6 @@
 
 #include <openssl/err.h>
 
-namespace {
-
 using ::vnt::common::Ret;
 
 const std::string kHost = "backup.example.com";
@@ -62,7 +60,7 @@ struct TlsTest : FileFixture {
 };
 
 // What a stream says of an error that OpenSSL has put in the queue.
-std::string failure(const std::string& doing, const std::string& name)
+static std::string failure(const std::string& doing, const std::string& name)
 {
     return doing + "Error: " + name + " |  Error Queue: ";
 }
@@ -310,5 +308,3 @@ TEST_F(TlsTest, OrAPlainSocketIsBehindTheWrapper)
     EXPECT_EQ(nothing.write("x", 1).code, 107) << "descriptor 0 is no socket";
     EXPECT_THAT(m_log.lines().back(), StartsWith("3 IoWrapper received:")) << "nothing since";
 }
-
-} // namespace

@@ -3,8 +3,6 @@
 
 #include <semaphore>
 
-namespace {
-
 /// Counts its runs; can be made to wait in them, or to throw.
 struct Work : IService {
     void run() override
@@ -123,5 +121,3 @@ TEST_F(AsyncServiceTest, TellsWhatEndedItsThread)
     }
     EXPECT_THAT(m_log.lines(), ElementsAre(line, line, "1 no work today")) << "the last one by the destructor";
 }
-
-} // namespace

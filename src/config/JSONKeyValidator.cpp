@@ -11,14 +11,9 @@ namespace {
 
 using Type = JSONKeyValidator::Type;
 
-constexpr bool isLetter(char c)
-{
-    return ascii::toLower(c) >= 'a' && ascii::toLower(c) <= 'z';
-}
-
 constexpr bool isWord(char c)
 {
-    return isLetter(c) || ascii::isDigit(c) || c == '_';
+    return ascii::isLetter(c) || ascii::isDigit(c) || c == '_';
 }
 
 bool isWordBoundary(const std::string& text, std::size_t position)

@@ -171,9 +171,13 @@ void redactHeaders(std::string& text)
 /// An apostrophe inside a word is none: a certificate's subject may hold one, and a mail address.
 void redactUrl(std::string& text)
 {
-    const auto quote = text.find(" '");
+    const auto isInWord = [&](std::size_t i) {
+        return i != 0 && (ascii::isDigit(text[i - 1]) || ascii::isLetter(text[i - 1]));
+    };
+    auto quote = text.find('\'');
+    while (quote != std::string::npos && isInWord(quote)) quote = text.find('\'', quote + 1);
     const auto at = text.rfind('@');
-    if (at != std::string::npos && quote < at) text.replace(quote + 2, at - quote - 2, "<redacted>");
+    if (at != std::string::npos && quote < at) text.replace(quote + 1, at - quote - 1, "<redacted>");
 }
 
 std::string escaped(const std::string& text)

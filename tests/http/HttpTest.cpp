@@ -196,7 +196,7 @@ TEST_F(HttpTest, TracesTextsButNoSecrets)
             Case{7, "new", "Unknown curlinfo_type (7): new"},
             Case{0, "[Proxy-Authorization: Basic abc]\nnext", "CURLINFO_TEXT: [Proxy-Authorization: <redacted>\nnext"},
             Case{0, "[cookie \t:a] [cookie: b]\nCookie:c", "CURLINFO_TEXT: [cookie \t: <redacted>\nCookie: <redacted>"},
-            Case{0, "no authorization\nUses 'u:p@ss@h'", "CURLINFO_TEXT: no authorization\nUses '<redacted>@h'"},
+            Case{0, "no authorization\nUses ('u:p@ss@h'", "CURLINFO_TEXT: no authorization\nUses ('<redacted>@h'"},
             Case{0, "subject: O=L'Air; CN=h; mail=a@h", "CURLINFO_TEXT: subject: O=L'Air; CN=h; mail=a@h"},
             Case{1, "header", ""},
             Case{6, "encrypted", ""},
